@@ -1,0 +1,40 @@
+# What the builds have in common: the standard, the warnings, the hardening.
+
+option(ADAGENTD_TESTS "Build the tests" ON)
+option(ADAGENTD_BENCH "Build the benchmarks" OFF)
+option(ADAGENTD_WERROR "Treat warnings as errors" OFF)
+option(ADAGENTD_SANITIZE "Build with Address- and UndefinedBehaviorSanitizer" OFF)
+
+if(NOT CMAKE_BUILD_TYPE)
+  set(CMAKE_BUILD_TYPE Release)
+endif()
+
+set(CMAKE_CXX_STANDARD 17)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+include(CheckPIESupported)
+check_pie_supported()
+
+# Everything lands in one folder, so that a build tree can be looked through.
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+
+add_compile_options(-Wall -Wextra -Wshadow -Wnull-dereference -Wformat=2)
+if(ADAGENTD_WERROR)
+  add_compile_options(-Werror)
+endif()
+
+if(ADAGENTD_SANITIZE)
+  add_compile_options(-O1 -g -fno-omit-frame-pointer -fsanitize=address,undefined
+                      -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=address,undefined)
+else()
+  set(CMAKE_C_FLAGS_RELEASE "-O2 -DNDEBUG")
+  set(CMAKE_CXX_FLAGS_RELEASE "-O2 -DNDEBUG")
+  add_compile_options(-U_FORTIFY_SOURCE "$<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>"
+                      -fstack-protector-strong -ffunction-sections -fdata-sections)
+  add_link_options(-Wl,--as-needed -Wl,--gc-sections -Wl,-z,relro)
+endif()
