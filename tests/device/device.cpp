@@ -1,5 +1,7 @@
 #include "device.h"
 
+#include "ADDigest.h"
+
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -168,9 +170,16 @@ void Device::publish_tree(const std::string& version, const std::string& folder)
     const CommandResult packed = run({"mksquashfs", folder, image, "-noappend", "-quiet",
                                       "-no-progress", "-all-root", "-comp", "zstd"});
     ASSERT_EQ(packed.status, 0) << packed.output;
-    const CommandResult published =
-        run({AD_IMAGE, "publish", "--version", version, image, home_ + "/www"});
-    ASSERT_EQ(published.status, 0) << published.output;
+    publish_file(version, image);
+}
+
+void Device::publish_file(const std::string& version, const std::string& image) const {
+    const std::string name = "by-hand-" + version + ".img";
+    fs::create_directories(home_ + "/www/images");
+    fs::copy_file(image, home_ + "/www/images/" + name, fs::copy_options::overwrite_existing);
+    write_file(home_ + "/www/update.ini",
+               "[image]\nversion=" + version + "\nsize=" + std::to_string(fs::file_size(image)) +
+                   "\nsha256=" + ad_sha256_file(image.c_str()) + "\nfile=" + name + "\n");
 }
 
 void Device::run_update() const {

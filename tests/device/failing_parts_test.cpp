@@ -94,9 +94,7 @@ TEST_F(FailingContent, AnImageWithoutAPlayerLibraryStopsThere) {
 TEST_F(FailingContent, AnUnreadableImageIsNotMounted) {
     const std::string image = device.home("/run/garbage.img");
     write_file(image, std::string(100000, 'x'));
-    const CommandResult published =
-        run({AD_IMAGE, "publish", "--version", "1.05", image, device.home("/www")});
-    ASSERT_EQ(published.status, 0) << published.output;
+    device.publish_file("1.05", image);
     device.run_update();
     EXPECT_TRUE(device.logged("[ad_mount] Mount failed !!"));
     EXPECT_FALSE(exists(device.opt("/usr/lib/libad-agent-fwk.so")));
