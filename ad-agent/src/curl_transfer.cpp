@@ -53,7 +53,7 @@ bool load_curl(Curl& curl, std::string& error) {
 struct Sink {
     int fd;
     std::uint64_t room;
-    int stall_timeout;
+    gint64 stall_timeout;
     gint64 last_byte;
     std::string error;
 };
