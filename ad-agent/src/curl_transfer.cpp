@@ -49,10 +49,12 @@ bool load_curl(Curl& curl, std::string& error) {
     return loaded;
 }
 
-/** Where the bytes go, and why they went no further. */
+/** Where the bytes go, when the last came, and why no more are wanted. */
 struct Sink {
     int fd;
     std::uint64_t room;
+    gint64 stall_timeout;
+    gint64 last_byte;
     std::string error;
 };
 
@@ -73,11 +75,25 @@ std::size_t write_to_sink(char* data, std::size_t, std::size_t length, void* use
         done += static_cast<std::size_t>(written);
     }
     sink.room -= length;
+    sink.last_byte = g_get_monotonic_time();
     return length;
 }
 
+/**
+ * Called about once a second. libcurl's own limit goes by the mean of some
+ * seconds, so that it notices late when a fast transfer stops.
+ */
+int check_for_stall(void* user_data, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+    Sink& sink = *static_cast<Sink*>(user_data);
+    const gint64 silence = g_get_monotonic_time() - sink.last_byte;
+    if (silence < sink.stall_timeout * G_USEC_PER_SEC) return 0;
+    sink.error = "no byte in " + std::to_string(sink.stall_timeout) + " seconds";
+    return 1;
+}
+
 /** Tells libcurl what to fetch and within what limits. */
-bool set_options(const Curl& curl, CURL* handle, const TransferRequest& request) {
+bool set_options(const Curl& curl, CURL* handle, const TransferRequest& request, Sink& sink,
+                 char* reason) {
     const bool secure = request.url.compare(0, 6, "https:") == 0;
     const auto set = [&](CURLoption option, auto value) {
         return curl.easy_setopt(handle, option, value) == CURLE_OK;
@@ -91,9 +107,10 @@ bool set_options(const Curl& curl, CURL* handle, const TransferRequest& request)
            set(CURLOPT_PROXY, "") && set(CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED)) &&
            set(CURLOPT_USERAGENT, "ad-agent") && set(CURLOPT_NOSIGNAL, 1L) &&
            set(CURLOPT_CONNECTTIMEOUT, static_cast<long>(request.connect_timeout)) &&
-           set(CURLOPT_LOW_SPEED_LIMIT, 1L) &&
-           set(CURLOPT_LOW_SPEED_TIME, static_cast<long>(request.stall_timeout)) &&
-           set(CURLOPT_TIMEOUT, static_cast<long>(request.total_timeout));
+           set(CURLOPT_TIMEOUT, static_cast<long>(request.total_timeout)) &&
+           set(CURLOPT_WRITEFUNCTION, write_to_sink) && set(CURLOPT_WRITEDATA, &sink) &&
+           set(CURLOPT_NOPROGRESS, 0L) && set(CURLOPT_XFERINFOFUNCTION, check_for_stall) &&
+           set(CURLOPT_XFERINFODATA, &sink) && set(CURLOPT_ERRORBUFFER, reason);
 }
 
 /** Whether an HTTP answer is the document itself; file:// has no status. */
@@ -116,12 +133,9 @@ bool run_curl_transfer(const TransferRequest& request, std::string& error) {
     }
     const std::unique_ptr<CURL, decltype(curl.easy_cleanup)> handle(curl.easy_init(),
                                                                     curl.easy_cleanup);
-    Sink sink = {request.fd, request.max_bytes, ""};
+    Sink sink = {request.fd, request.max_bytes, request.stall_timeout, g_get_monotonic_time(), ""};
     std::array<char, CURL_ERROR_SIZE> reason = {};
-    if (!handle || !set_options(curl, handle.get(), request) ||
-        curl.easy_setopt(handle.get(), CURLOPT_WRITEFUNCTION, write_to_sink) != CURLE_OK ||
-        curl.easy_setopt(handle.get(), CURLOPT_WRITEDATA, &sink) != CURLE_OK ||
-        curl.easy_setopt(handle.get(), CURLOPT_ERRORBUFFER, reason.data()) != CURLE_OK) {
+    if (!handle || !set_options(curl, handle.get(), request, sink, reason.data())) {
         error = "libcurl does not know an option that is needed";
         return false;
     }
