@@ -109,6 +109,11 @@ TEST_F(AdImage, IsPublishedForAgentsToTake) {
     EXPECT_EQ(names_in(folder / "web"),
               (std::set<std::string>{"AppsAd", "TileAd", "images", "update.ini"}));
 
+    write_file(folder / "page.html", "<html></html>");
+    EXPECT_EQ(run(AD_IMAGE " publish --apps-ad page.html 5.img web"), 1);
+    EXPECT_THAT(output, HasSubstr("page.html is not a JSON object"));
+    EXPECT_THAT(read_file(folder / "web/update.ini"), HasSubstr("version=1.06"));
+
     // Published again it is the same; a published file that has changed stops it.
     const std::string index = read_file(folder / "web/update.ini");
     ASSERT_EQ(run(AD_IMAGE " publish 6.img web"), 0) << output;

@@ -83,11 +83,17 @@ TEST_F(TransferProcess, EndsWhenItsHostIsToldToStop) {
 
 TEST_F(TransferProcess, IsNotConfusedByAHandlerForChildren) {
     server.set_faults("");
-    signal(SIGCHLD, [](int) {});
-    EXPECT_TRUE(update("1.05")) << output();
     signal(SIGCHLD, SIG_IGN);
-    std::filesystem::remove(data + "/zelADAgent.img");
     EXPECT_TRUE(update("1.05")) << output();
+    std::filesystem::remove(data + "/zelADAgent.img");
+
+    signal(SIGCHLD, [](int) {});
+    server.set_faults("/images/* stall 100000");
+    configure(server.url(), "stall=1");
+    const pid_t other = meanwhile([](pid_t) {});  // ends in the middle of the download
+    EXPECT_FALSE(update("1.05"));
+    EXPECT_THAT(output(), HasSubstr("no byte in 1 seconds"));
+    EXPECT_EQ(waitpid(other, nullptr, 0), other);
     signal(SIGCHLD, SIG_DFL);
 }
 
@@ -131,12 +137,11 @@ TEST_F(TransferProcess, LeavesNothingInItsHost) {
     testing::internal::CaptureStdout();
     printf("written before, once\n");
 
-    EXPECT_TRUE(update("1.05"));
+    EXPECT_TRUE(agent.update("1.05"));
     server.set_faults("/images/* cut 100");
     std::filesystem::remove(data + "/zelADAgent.img");
-    EXPECT_FALSE(update("1.05"));
+    EXPECT_FALSE(agent.update("1.05"));
 
-    fflush(stdout);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "written before, once\n");
     EXPECT_EQ(names_in("/proc/self/fd").size(), descriptors.size());
     EXPECT_EQ(children_of(getpid()), std::vector<pid_t>{server.pid()});
