@@ -23,17 +23,6 @@ namespace {
 
 constexpr auto PATIENCE = std::chrono::seconds(20);
 
-bool poll(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + PATIENCE;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
-}
-
 std::vector<char*> argument_vector(const std::vector<std::string>& arguments) {
     std::vector<char*> vector;
     for (const std::string& argument : arguments) {
@@ -53,6 +42,17 @@ int occurrences(const std::string& text, const std::string& wanted) {
 }
 
 }  // namespace
+
+bool poll(const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + PATIENCE;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
 
 std::string read_file(const std::string& path) {
     std::ifstream file(path);

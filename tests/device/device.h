@@ -5,6 +5,7 @@
 #ifndef TESTS_DEVICE_DEVICE_H
 #define TESTS_DEVICE_DEVICE_H
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -90,6 +91,8 @@ private:
     std::string home_;
 };
 
+/** Waits until a condition holds, with more patience than any test needs. */
+bool poll(const std::function<bool()>& condition);
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& text);
 bool exists(const std::string& path);

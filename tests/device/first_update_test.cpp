@@ -49,6 +49,20 @@ TEST(FirstUpdate, TakesANewerImageAndOnlyThat) {
     EXPECT_EQ(device.leftovers(), "");
 }
 
+#ifndef __SANITIZE_ADDRESS__
+TEST(FirstUpdate, LeaksNothingUnderValgrind) {
+    const Device device;
+    device.publish("1.05");
+    device.open_gate();
+    device.start({"--under", "valgrind --quiet --leak-check=full --error-exitcode=99"});
+    ASSERT_TRUE(device.await("[CADAgentd] Start end"));
+    EXPECT_TRUE(device.updatable_copy_is_published());
+    device.set("language", "de_DE");
+    ASSERT_TRUE(device.await_requests("/AppsAd/v2", 2));
+    EXPECT_EQ(device.stop(), 0) << device.log();
+}
+#endif
+
 class Signals : public testing::TestWithParam<int> {};
 
 TEST_P(Signals, EndTheDaemonCleanly) {
