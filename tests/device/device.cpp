@@ -244,10 +244,14 @@ bool Device::updatable_copy_is_published() const {
 }
 
 std::string Device::leftovers() const {
-    std::string found = run({"sh", "-c",
-                             "losetup --list --noheadings --output BACK-FILE | grep -F '" + home_ +
-                                 "'; grep -F '" + home_ + "' /proc/self/mounts"})
-                            .output;
+    // A loop device names its file as the device saw it; the inode tells whose it is.
+    std::string found =
+        run({"sh", "-c",
+             "ino=$(stat -c %i \"$1\"/opt/down/zels/zelADAgent_img/*.img 2>/dev/null);"
+             "losetup --list --noheadings --output BACK-INO,NAME,BACK-FILE |"
+             "awk -v ino=\"${ino:--1}\" '$1 == ino'; grep -F \"$1\" /proc/self/mounts",
+             "sh", home_})
+            .output;
     // Everything that belongs below /opt, by name; what else there is was left.
     static const std::vector<std::string> expected{
         "platform.log",        "state.ini",      "ad-agent.conf",      "adagentversion.txt",
