@@ -79,11 +79,14 @@ TEST_F(LogFileTest, ALongMessageIsCutToOneLine) {
 TEST_F(LogFileTest, FollowsTheNameWhenTheFileIsRemovedOrRenamed) {
     log_.print(PLATFORM_LOG_NORMAL, "T", "first");
     std::filesystem::rename(path_, path_ + ".1");
+    std::ofstream(path_) << "rotated\n";
     log_.print(PLATFORM_LOG_NORMAL, "T", "second");
+    std::filesystem::copy(path_, path_ + ".2");
     std::filesystem::remove(path_);
     log_.print(PLATFORM_LOG_NORMAL, "T", "third");
     EXPECT_THAT(lines_of(path_ + ".1"), ElementsAre(EndsWith("first")));
     EXPECT_THAT(lines_of(path_), ElementsAre(EndsWith("third")));
+    EXPECT_THAT(lines_of(path_ + ".2"), ElementsAre("rotated", EndsWith("second")));
 }
 
 TEST_F(LogFileTest, WithoutItsFolderItFailsAndGoesOn) {

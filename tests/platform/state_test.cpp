@@ -114,6 +114,12 @@ TEST(ParseState, WhatIsNotThereIsOffOrUnknown) {
     for (const int result : state.results) EXPECT_EQ(result, 0);
 }
 
+TEST(ParseState, TheLastOfTwoEqualKeysCounts) {
+    const State state = parsed("[settings]\na=int:1\na=int:2\n[settings]\na=int:3\n");
+    ASSERT_EQ(state.settings.size(), 1U);
+    EXPECT_EQ(state.settings[0].integer, 3);
+}
+
 TEST(ParseState, TypesGoByNameOrNumber) {
     const std::vector<std::pair<std::string, int>> connection_types{
         {"disconnected", 0}, {"wifi", 1}, {"cellular", 2}, {"ethernet", 3},
