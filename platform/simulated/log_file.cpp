@@ -91,7 +91,7 @@ LogFile::~LogFile() {
     if (descriptor_ >= 0) close(descriptor_);
 }
 
-int LogFile::print(int priority, const char* tag, const char* format, std::va_list arguments) {
+int LogFile::vprint(int priority, const char* tag, const char* format, std::va_list arguments) {
     if (const int result = forced_result_) return result;
     const KeptErrno kept;
     std::array<char, line_limit> line;
@@ -106,6 +106,15 @@ int LogFile::print(int priority, const char* tag, const char* format, std::va_li
     if (descriptor < 0) return descriptor;
     const ssize_t written = write(descriptor, line.data(), size);
     return written < 0 ? -errno : static_cast<int>(written);
+}
+
+// NOLINTNEXTLINE(cert-dcl50-cpp): printf's form, for whoever has no va_list.
+int LogFile::print(int priority, const char* tag, const char* format, ...) {
+    std::va_list arguments;
+    va_start(arguments, format);
+    const int result = vprint(priority, tag, format, arguments);
+    va_end(arguments);
+    return result;
 }
 
 /** Another process may have removed or renamed the file. */
