@@ -91,13 +91,14 @@ TEST_F(FailingContent, AnImageWithoutAPlayerLibraryStopsThere) {
     EXPECT_EQ(device.leftovers(), "");
 }
 
-TEST_F(FailingContent, AnUnreadableImageIsNotMounted) {
+TEST_F(FailingContent, AFileThatIsNoImageIsNotStored) {
     const std::string image = device.home("/run/garbage.img");
     write_file(image, std::string(100000, 'x'));
     device.publish_file("1.05", image);
     device.run_update();
-    EXPECT_TRUE(device.logged("[ad_mount] Mount failed !!"));
-    EXPECT_FALSE(exists(device.opt("/usr/lib/libad-agent-fwk.so")));
+    EXPECT_TRUE(device.logged("ad-mounter: --replaceimg:"));
+    EXPECT_TRUE(device.logged("[CADAgentd] Replace /opt/usr/apps/adagent/zelADAgent.img to"));
+    EXPECT_FALSE(exists(device.opt("/down/zels/zelADAgent_img/zelADAgent.img")));
     EXPECT_EQ(device.leftovers(), "");
 }
 
