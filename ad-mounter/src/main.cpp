@@ -81,8 +81,10 @@ Outcome perform_locked(const Row& asked, const Caller& caller) {
 }
 
 int run(int argc, const char* const* argv) {
-    if (!prepare_process()) {
-        return EX_OSERR;
+    Outcome outcome = prepare_process();
+    if (!outcome.ok()) {
+        report("start", outcome);
+        return outcome.status();
     }
     const Command command = parse_command_line(argc, argv);
     if (command.form == nullptr) {
@@ -96,7 +98,7 @@ int run(int argc, const char* const* argv) {
         return print("ad-mounter " AD_MOUNTER_VERSION "\n") ? EX_OK : EX_IOERR;
     }
     Caller caller = {};
-    Outcome outcome = become_root(caller);
+    outcome = become_root(caller);
     if (outcome.ok()) {
         outcome = reduce_rights(command.form->verb);
     }
