@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <initializer_list>
 
 #include <fcntl.h>
 #include <sys/mount.h>
@@ -118,9 +119,12 @@ Outcome prepare_loop(const Image& image, const char* path, Prepared& prepared) {
     }
     // What the kernel says to an image that it cannot make sense of.
     const int error = errno;
-    return error == EINVAL || error == EIO || error == EUCLEAN
-               ? Outcome::failed(EX_DATAERR, step, path, error)
-               : Outcome::failed(step, path, error);
+    for (const int refusal : {EINVAL, EIO, EUCLEAN, EBADMSG, EOPNOTSUPP}) {
+        if (error == refusal) {
+            return Outcome::failed(EX_DATAERR, step, path, error);
+        }
+    }
+    return Outcome::failed(step, path, error);
 }
 
 Outcome prepare(const Image& image, const char* path, Prepared& prepared) {

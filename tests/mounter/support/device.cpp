@@ -70,10 +70,10 @@ std::string describe(const fs::path& path) {
     return text.str();
 }
 
-// A few hundred kB that differ from version to version.
+// Some ten kB that differ from version to version.
 std::string library_content(const std::string& version) {
     std::string content;
-    for (int i = 0; content.size() < 300'000; ++i) {
+    for (int i = 0; content.size() < 40'000; ++i) {
         content += version + ':' + std::to_string(i * 7919) + '\n';
     }
     return content;
@@ -190,7 +190,7 @@ void Device::put_tree(const std::string& inside, const std::string& version) con
     fs::permissions(at(inside + "/adplayer/res/bin/player.sh"), fs::perms(0775));
     write(inside + "/adplayer/res/empty", "");
     fs::permissions(at(inside + "/adplayer/res/empty"), fs::perms(0400));
-    write(inside + "/adplayer/res/a/b/c/deep", library_content(version).substr(0, 70'000));
+    write(inside + "/adplayer/res/a/b/c/deep", library_content(version).substr(0, 7'000));
     fs::create_symlink("../page.html", at(inside + "/adplayer/res/bin/link"));
 }
 

@@ -160,6 +160,8 @@ std::vector<Scenario> scenarios() {
     return all;
 }
 
+void PrintTo(const Scenario& scenario, std::ostream* out) { *out << scenario.name; }
+
 std::vector<Snapshot> state(const Device& device, const Scenario& scenario) {
     std::vector<Snapshot> seen;
     for (const std::string& path : scenario.changed) {

@@ -5,6 +5,7 @@
 #include "device.h"
 
 #include <functional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -29,6 +30,9 @@ std::vector<Scenario> scenarios();
 
 /** What is seen at the paths that the scenario changes. */
 std::vector<Snapshot> state(const Device& device, const Scenario& scenario);
+
+/** How GoogleTest prints one. */
+void PrintTo(const Scenario& scenario, std::ostream* out);
 
 inline std::string scenario_name(const testing::TestParamInfo<Scenario>& info) {
     return info.param.name;

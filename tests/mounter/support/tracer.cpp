@@ -30,6 +30,13 @@ void skip_call(pid_t pid) {
     ptrace(PTRACE_SETREGS, pid, nullptr, &registers);
 }
 
+void set_first_argument(pid_t pid, long value) {
+    user_regs_struct registers;
+    ptrace(PTRACE_GETREGS, pid, nullptr, &registers);
+    registers.rdi = static_cast<unsigned long long>(value);
+    ptrace(PTRACE_SETREGS, pid, nullptr, &registers);
+}
+
 void set_result(pid_t pid, long value) {
     user_regs_struct registers;
     ptrace(PTRACE_GETREGS, pid, nullptr, &registers);
@@ -39,6 +46,7 @@ void set_result(pid_t pid, long value) {
 constexpr bool known_machine = true;
 #else
 void skip_call(pid_t) {}
+void set_first_argument(pid_t, long) {}
 void set_result(pid_t, long) {}
 constexpr bool known_machine = false;
 #endif
@@ -97,7 +105,7 @@ private:
             }
             return;
         }
-        SystemCall call = {static_cast<long>(info.entry.nr), {}};
+        SystemCall call = {pid, static_cast<long>(info.entry.nr), {}};
         std::copy(std::begin(info.entry.args), std::end(info.entry.args), call.arguments.begin());
         // The first thing that the tool itself does, whatever its loader did.
         started_ = started_ || call.number == SYS_umask;
@@ -109,7 +117,9 @@ private:
             kill(child_, SIGKILL);
         } else if (decision.what == Decision::fail) {
             skip_call(pid);
-            pending_[pid] = decision.error;
+            pending_[pid] = decision.value;
+        } else if (decision.what == Decision::replace_first_argument) {
+            set_first_argument(pid, decision.value);
         }
     }
 

@@ -12,14 +12,18 @@
 namespace mounter_test {
 
 struct SystemCall {
+    pid_t process;
     long number;
     std::array<uint64_t, 6> arguments;
 };
 
-/** What happens to a call: it is made, it fails instead, or the process is killed before it. */
+/**
+ * What happens to a call: it is made, it fails instead with the errno `value`,
+ * the process is killed before it, or it is made with another first argument.
+ */
 struct Decision {
-    enum { proceed, fail, kill } what = proceed;
-    int error = 0;
+    enum { proceed, fail, kill, replace_first_argument } what = proceed;
+    int value = 0;
 };
 
 using Decide = std::function<Decision(const SystemCall&)>;
