@@ -33,10 +33,9 @@ bool print_help() {
     for (const Row& row : rows()) {
         for (const VerbForm& form : verb_forms()) {
             if (form.verb == row.verb) {
-                used += snprintf(
-                    text + used, sizeof text - static_cast<size_t>(used),
-                    row.second != nullptr ? "  %s %s\n      %s\n" : "  %s %s\n      %s\n",
-                    form.option, row.first, row.second != nullptr ? row.second : row.target);
+                used += snprintf(text + used, sizeof text - static_cast<size_t>(used),
+                                 "  %s %s\n      %s\n", form.option, row.first,
+                                 row.second != nullptr ? row.second : row.target);
             }
         }
     }

@@ -8,6 +8,7 @@ namespace mounter_bench {
 
 constexpr const char* mount_point = "/opt/usr/apps/zelADAgent";
 constexpr const char* stored_image = "/opt/down/zels/zelADAgent_img/zelADAgent.img";
+constexpr const char* downloaded_image = "/opt/usr/apps/adagent/zelADAgent.img";
 constexpr const char* agent_library = "/opt/usr/lib/libad-agent-fwk.so";
 constexpr const char* player_res = "/usr/bin/zels/zelADAgent/adplayer/res";
 /** Where the commands that are compared with write, on the same file system. */

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <stdexcept>
 
 #include <fcntl.h>
 #include <spawn.h>
@@ -26,12 +27,11 @@ std::vector<char*> arguments(const Command& command) {
 }
 
 [[noreturn]] void give_up(const Command& command, int status) {
-    fprintf(stderr, "mounter-bench: status %#x from:", static_cast<unsigned>(status));
+    std::string text = "status " + std::to_string(status) + " from:";
     for (const std::string& word : command) {
-        fprintf(stderr, " %s", word.c_str());
+        text += ' ' + word;
     }
-    fprintf(stderr, "\n");
-    exit(1);
+    throw std::runtime_error(text);
 }
 
 long high_water_mark(pid_t pid) {

@@ -4,7 +4,7 @@
 
 #include "image.h"
 #include "support/device.h"
-#include "tree_copy.h"
+#include "tree_rules.h"
 
 #include <cstring>
 #include <string>

@@ -159,7 +159,7 @@ TEST_F(Replace, DownloadGrowingWhileItIsCopiedDoesNotMatter) {
     device().give(downloaded_image, user, user);
     bool cut = false;
     const Result result = trace(device(), replace_words, [&](const SystemCall& call) -> Decision {
-        if (!cut && call.number == SYS_read) {
+        if (!cut && (call.number == SYS_read || call.number == SYS_sendfile)) {
             cut = true;
             fs::resize_file(device().at(downloaded_image), 4096);
         }
@@ -175,8 +175,9 @@ TEST_F(Install, NoRoomIsNoticedBeforeAnythingIsWritten) {
     ASSERT_EQ(mount("small", device().at(usr_lib).c_str(), "tmpfs", 0, "size=20k"), 0);
     device().write(agent_library, "the old library");
     const auto writes = [](const SystemCall& call) -> Decision {
-        return call.number == SYS_write && call.arguments[0] > 2 ? Decision{Decision::kill, 0}
-                                                                 : Decision{};
+        return is_mutating(call) && (call.number == SYS_write || call.number == SYS_sendfile)
+                   ? Decision{Decision::kill, 0}
+                   : Decision{};
     };
     const Result result = missing_for_tracing().empty() ? trace(device(), library_words, writes)
                                                         : device().run(library_words);
@@ -213,7 +214,7 @@ TEST_F(Install, WhatIsWrittenLasts) {
     const Words kinds = {"write",    "sync_file_range", "fsync", "syncfs",
                          "renameat", "renameat2",       "linkat"};
     EXPECT_EQ(order_of(library_words, kinds),
-              (Words{"write", "sync_file_range", "write", "sync_file_range", "write",
+              (Words{"sendfile", "sync_file_range", "sendfile", "sync_file_range", "sendfile",
                      "sync_file_range", "fsync", "renameat", "fsync"}));
     EXPECT_EQ(order_of(tree_words, {"syncfs", "fsync", "renameat", "renameat2"}),
               (Words{"syncfs", "renameat2", "renameat", "fsync"}));

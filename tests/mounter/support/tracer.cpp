@@ -185,6 +185,8 @@ const char* fault_name(const SystemCall& call) {
         {SYS_fstatfs, "fstatfs"},
         {SYS_statx, "statx"},
         {SYS_newfstatat, "newfstatat"},
+        {SYS_sendfile, "sendfile"},
+        {SYS_sendfile, "sendfile"},
     };
     // The failure's own line is not part of the work.
     if (call.number == SYS_write && call.arguments[0] <= STDERR_FILENO) {
@@ -204,6 +206,7 @@ bool is_mutating(const SystemCall& call) {
             return call.arguments[1] == LOOP_CONFIGURE || call.arguments[1] == LOOP_CTL_GET_FREE;
         case SYS_fsync:
         case SYS_syncfs:
+        case SYS_sendfile:
         case SYS_sync_file_range:
         case SYS_fallocate:
         case SYS_renameat:
