@@ -186,7 +186,6 @@ const char* fault_name(const SystemCall& call) {
         {SYS_statx, "statx"},
         {SYS_newfstatat, "newfstatat"},
         {SYS_sendfile, "sendfile"},
-        {SYS_sendfile, "sendfile"},
     };
     // The failure's own line is not part of the work.
     if (call.number == SYS_write && call.arguments[0] <= STDERR_FILENO) {
