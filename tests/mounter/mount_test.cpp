@@ -4,7 +4,6 @@
 #include "support/tracer.h"
 
 #include <cerrno>
-#include <cstdlib>
 #include <filesystem>
 #include <vector>
 
@@ -39,9 +38,8 @@ protected:
     }
 
     void by_hand(const std::string& options) {
-        const std::string line = "mount -o " + options + ' ' + device().at(stored_image) + ' ' +
-                                 device().at(mount_point);
-        ASSERT_EQ(system(line.c_str()), 0) << line;
+        shell("mount -o " + options + ' ' + device().at(stored_image) + ' ' +
+              device().at(mount_point));
     }
 
     void expect_mounted(const std::string& version) {
@@ -220,9 +218,8 @@ TEST_F(MountRefusals, WhatIsNoSoundImageOfRoots) {
         {"cut short", content(good.substr(0, good.size() / 2)), 65},
         {"another file system",
          [&] {
-             const std::string line =
-                 "truncate -s 1M " + path + " && mkfs.ext4 -q -F " + path + " 2> /dev/null";
-             ASSERT_EQ(system(line.c_str()), 0);
+             shell("truncate -s 1M " + path);
+             shell("mkfs.ext4 -q -F " + path);
          },
          65},
         {"a user's",
@@ -256,7 +253,7 @@ TEST_F(MountRefusals, ForeignMountStays) {
     const std::string other = "mount -o loop,ro " + device().at("/work/other.img") + ' ' + point;
     const std::string in_memory = "mount -t tmpfs other " + point;
     for (const std::string& line : {other, in_memory}) {
-        ASSERT_EQ(system(line.c_str()), 0);
+        shell(line);
         const auto before = device().mounts();
         EXPECT_EQ(device().run(mount_words).status, 77) << line;
         EXPECT_EQ(device().run(umount_words).status, 77) << line;

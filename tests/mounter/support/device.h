@@ -53,6 +53,9 @@ struct RunOptions {
 using Snapshot = std::map<std::string, std::string>;
 Snapshot snapshot(const std::string& top);
 
+/** Runs a command line; ends the test when it fails. */
+void shell(const std::string& line);
+
 class Device {
 public:
     Device();

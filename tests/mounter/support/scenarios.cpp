@@ -106,7 +106,14 @@ std::vector<Scenario> install_scenarios() {
          {stored_image},
          {downloaded_image},
          EX_NOINPUT},
-        {"CopyLibrary", library_words, install_old_version, {agent_library}, {image_library}},
+        {"CopyLibrary",
+         library_words,
+         [](const Device& device) {
+             install_old_version(device);
+             device.write(image_library, std::string(1'500'000, 'l'));
+         },
+         {agent_library},
+         {image_library}},
         {"CopyTree", tree_words, install_old_version, {player_res}, {image_resources}},
         {"CopyTreeAnew",
          tree_words,
