@@ -10,13 +10,16 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 
 namespace ad_mounter {
 
 namespace {
 
-constexpr size_t large_buffer_size = size_t{1} << 20;
+constexpr size_t own_buffer_size = size_t{256} << 10;
+// What is handed to write-back at a time.
+constexpr size_t piece_size = size_t{1} << 20;
 
 // 0 or an errno.
 int write_whole(int fd, const char* bytes, size_t size) {
@@ -34,10 +37,44 @@ int write_whole(int fd, const char* bytes, size_t size) {
     return 0;
 }
 
+// Only a head start; fsync() is what counts and what fails.
+void start_writing_back(int fd, uint64_t offset, size_t size) {
+    (void)sync_file_range(fd, static_cast<off64_t>(offset), static_cast<off64_t>(size),
+                          SYNC_FILE_RANGE_WRITE);
+}
+
+// Copies until `done` is `size`, or until the kernel says EINVAL or ENOSYS,
+// which are success with less done.
+int copy_in_kernel(int from, int to, uint64_t size, uint64_t& done) {
+    while (done < size) {
+        const size_t wanted = static_cast<size_t>(std::min<uint64_t>(piece_size, size - done));
+        const ssize_t copied = sendfile(to, from, nullptr, wanted);
+        if (copied < 0 && errno == EINTR) {
+            continue;
+        }
+        if (copied < 0 && (errno == EINVAL || errno == ENOSYS)) {
+            return 0;
+        }
+        if (copied <= 0) {
+            return copied < 0 ? errno : EIO;
+        }
+        start_writing_back(to, done, static_cast<size_t>(copied));
+        done += static_cast<uint64_t>(copied);
+    }
+    return 0;
+}
+
 }  // namespace
 
 int copy_bytes(int from, int to, uint64_t size, char* buffer, size_t buffer_size) {
     uint64_t done = 0;
+    if (size > buffer_size) {
+        // One copy from page cache to page cache instead of two through here.
+        const int error = copy_in_kernel(from, to, size, done);
+        if (error != 0) {
+            return error;
+        }
+    }
     while (done < size) {
         const size_t wanted = static_cast<size_t>(std::min<uint64_t>(buffer_size, size - done));
         const ssize_t got = read(from, buffer, wanted);
@@ -51,9 +88,8 @@ int copy_bytes(int from, int to, uint64_t size, char* buffer, size_t buffer_size
         if (error != 0) {
             return error;
         }
-        // Only a head start; fsync() is what counts and what fails.
         if (size > buffer_size) {
-            (void)sync_file_range(to, static_cast<off64_t>(done), got, SYNC_FILE_RANGE_WRITE);
+            start_writing_back(to, done, static_cast<size_t>(got));
         }
         done += static_cast<uint64_t>(got);
     }
@@ -61,7 +97,7 @@ int copy_bytes(int from, int to, uint64_t size, char* buffer, size_t buffer_size
 }
 
 int copy_bytes(int from, int to, uint64_t size) {
-    alignas(4096) static char buffer[large_buffer_size];
+    alignas(4096) static char buffer[own_buffer_size];
     return copy_bytes(from, to, size, buffer, sizeof buffer);
 }
 

@@ -14,13 +14,14 @@
 namespace ad_mounter {
 
 /**
- * Copies `size` bytes from the start of `from` to `to` with `buffer`, starting
- * the write-back of each piece while the next is read. 0 or an errno; EIO when
- * the source ends early.
+ * Copies `size` bytes from the start of `from` to the empty file `to`, starting
+ * the write-back of each piece while the next is copied. `buffer` serves small
+ * files and kernels that cannot copy by themselves. 0 or an errno; EIO when the
+ * source ends early.
  */
 int copy_bytes(int from, int to, uint64_t size, char* buffer, size_t buffer_size);
 
-/** The same with the tool's one large buffer; not for several threads. */
+/** The same with a buffer of its own; not for several threads. */
 int copy_bytes(int from, int to, uint64_t size);
 
 /** Makes the directory of `row.target` where it is missing, and pins it. */

@@ -33,10 +33,9 @@ bool print_help() {
     for (const Row& row : rows()) {
         for (const VerbForm& form : verb_forms()) {
             if (form.verb == row.verb) {
-                used += snprintf(
-                    text + used, sizeof text - static_cast<size_t>(used),
-                    row.second != nullptr ? "  %s %s\n      %s\n" : "  %s %s\n      %s\n",
-                    form.option, row.first, row.second != nullptr ? row.second : row.target);
+                used += snprintf(text + used, sizeof text - static_cast<size_t>(used),
+                                 "  %s %s\n      %s\n", form.option, row.first,
+                                 row.second != nullptr ? row.second : row.target);
             }
         }
     }
@@ -81,8 +80,10 @@ Outcome perform_locked(const Row& asked, const Caller& caller) {
 }
 
 int run(int argc, const char* const* argv) {
-    if (!prepare_process()) {
-        return EX_OSERR;
+    Outcome outcome = prepare_process();
+    if (!outcome.ok()) {
+        report("start", outcome);
+        return outcome.status();
     }
     const Command command = parse_command_line(argc, argv);
     if (command.form == nullptr) {
@@ -96,7 +97,7 @@ int run(int argc, const char* const* argv) {
         return print("ad-mounter " AD_MOUNTER_VERSION "\n") ? EX_OK : EX_IOERR;
     }
     Caller caller = {};
-    Outcome outcome = become_root(caller);
+    outcome = become_root(caller);
     if (outcome.ok()) {
         outcome = reduce_rights(command.form->verb);
     }

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <initializer_list>
 
 #include <fcntl.h>
 #include <sys/mount.h>
@@ -62,86 +63,106 @@ int detached_mount(FileSystem type, const char* source) {
                    MOUNT_ATTR_RDONLY | MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV);
 }
 
-int attach(int mount_fd, int point) {
-    return move_mount(mount_fd, "", point, "", MOVE_MOUNT_F_EMPTY_PATH | MOVE_MOUNT_T_EMPTY_PATH) ==
-                   0
-               ? 0
-               : errno;
-}
+// A mount that is ready to be attached. Without the new mount interface it is
+// only a loop device, which is mounted in the classic way.
+struct Prepared {
+    FileSystem type = FileSystem::squashfs;
+    UniqueFd detached;
+    LoopDevice loop;
+};
 
-int mount_source(FileSystem type, const char* source, int point) {
-    const UniqueFd detached(detached_mount(type, source));
-    if (detached.valid()) {
-        return attach(detached.get(), point);
-    }
-    // No new mount interface: the classic one, on the pinned directory.
-    if (errno != ENOSYS && errno != EPERM) {
-        return errno;
-    }
-    return mount(source, DescriptorPath(point).text, file_system_name(type),
-                 MS_RDONLY | MS_NOSUID | MS_NODEV, nullptr) == 0
-               ? 0
-               : errno;
-}
-
-void remove_labels(int directory) {
+Outcome remove_labels(int directory) {
     DirectoryReader reader(directory);
     DirectoryEntry entry;
     while (reader.next(entry)) {
-        if (is_image_label(entry.name)) {
-            (void)unlinkat(directory, entry.name, 0);
+        if (is_image_label(entry.name) && unlinkat(directory, entry.name, 0) != 0) {
+            return Outcome::failed("removing a label", run_directory, errno);
         }
     }
+    return {};
 }
 
 // erofs takes a plain file, but only by name. The name is a link in root's own
 // directory to the descriptor, so it is this file and no other; and as the
 // kernel lists the mount under it, it tells later which image is mounted.
-int mount_file(const Image& image, int point) {
+// Where the kernel cannot do this nothing is prepared.
+Outcome prepare_file(const Image& image, Prepared& prepared) {
     const UniqueFd directory(open_absolute(run_directory, O_RDONLY | O_DIRECTORY));
     if (!directory.valid()) {
-        return errno;
+        return Outcome::failed(step, run_directory, errno);
     }
-    remove_labels(directory.get());
+    const Outcome cleaned = remove_labels(directory.get());
+    if (!cleaned.ok()) {
+        return cleaned;
+    }
     const ImageLabel label = image_label(image.status);
     if (symlinkat(DescriptorPath(image.fd.get()).text, directory.get(), label.text) != 0) {
-        return errno;
+        return {};
     }
     char source[128];
     snprintf(source, sizeof source, "%s/%s", run_directory, label.text);
-    const UniqueFd detached(detached_mount(image.type, source));
-    const int error = detached.valid() ? 0 : errno;
-    (void)unlinkat(directory.get(), label.text, 0);
-    return error != 0 ? error : attach(detached.get(), point);
+    prepared.detached.reset(detached_mount(image.type, source));
+    if (unlinkat(directory.get(), label.text, 0) != 0) {
+        return Outcome::failed("removing a label", run_directory, errno);
+    }
+    return {};
 }
 
-Outcome mount_through_loop(const Image& image, int point, const char* path) {
-    LoopDevice loop;
-    const Outcome attached = attach_loop_device(image.fd.get(), stored_image, loop);
+Outcome prepare_loop(const Image& image, const char* path, Prepared& prepared) {
+    const Outcome attached = attach_loop_device(image.fd.get(), stored_image, prepared.loop);
     if (!attached.ok()) {
         return attached;
     }
-    const int error = mount_source(image.type, loop.path, point);
-    if (error == EINVAL || error == EIO || error == EUCLEAN) {
-        return Outcome::failed(EX_DATAERR, step, path, error);
+    prepared.detached.reset(detached_mount(image.type, prepared.loop.path));
+    if (prepared.detached.valid() || errno == ENOSYS || errno == EPERM) {
+        return {};
     }
-    return error != 0 ? Outcome::failed(step, path, error) : Outcome();
+    // What the kernel says to an image that it cannot make sense of.
+    const int error = errno;
+    for (const int refusal : {EINVAL, EIO, EUCLEAN, EBADMSG, EOPNOTSUPP}) {
+        if (error == refusal) {
+            return Outcome::failed(EX_DATAERR, step, path, error);
+        }
+    }
+    return Outcome::failed(step, path, error);
 }
 
-Outcome mount_checked(const Image& image, const Place& place) {
+Outcome prepare(const Image& image, const char* path, Prepared& prepared) {
+    prepared.type = image.type;
+    if (image.type == FileSystem::erofs) {
+        const Outcome outcome = prepare_file(image, prepared);
+        if (!outcome.ok() || prepared.detached.valid()) {
+            return outcome;
+        }
+    }
+    return prepare_loop(image, path, prepared);
+}
+
+// 0 or an errno.
+int attach(const Prepared& prepared, int point) {
+    int result = 0;
+    if (prepared.detached.valid()) {
+        result = move_mount(prepared.detached.get(), "", point, "",
+                            MOVE_MOUNT_F_EMPTY_PATH | MOVE_MOUNT_T_EMPTY_PATH);
+    } else {
+        result = mount(prepared.loop.path, DescriptorPath(point).text,
+                       file_system_name(prepared.type), MS_RDONLY | MS_NOSUID | MS_NODEV, nullptr);
+    }
+    return result == 0 ? 0 : errno;
+}
+
+Outcome attach_checked(const Prepared& prepared, const struct stat& image, const Place& place) {
     const UniqueFd point(
         open_beneath(place.directory.get(), place.name, O_PATH | O_DIRECTORY, Mounts::cross));
     if (!point.valid()) {
         return Outcome::failed("opening the mount point", place.path, errno);
     }
-    if (image.type != FileSystem::erofs || mount_file(image, point.get()) != 0) {
-        const Outcome mounted = mount_through_loop(image, point.get(), place.path);
-        if (!mounted.ok()) {
-            return mounted;
-        }
+    const int error = attach(prepared, point.get());
+    if (error != 0) {
+        return Outcome::failed(step, place.path, error);
     }
     Presence presence = Presence::nothing;
-    Outcome outcome = look_at_mount_point(place, &image.status, presence);
+    Outcome outcome = look_at_mount_point(place, &image, presence);
     if (outcome.ok() && presence == Presence::current) {
         return outcome;
     }
@@ -168,21 +189,23 @@ Outcome unmount_top(const Place& place) {
                           : Outcome::failed("unmounting", place.path, errno);
 }
 
-// Unmounts until nothing of ours, or with `keep_current` the current image, is on top.
-Outcome unmount_ours(const Place& place, const struct stat* image, bool keep_current,
-                     Presence& presence) {
-    bool first = true;
-    for (;; first = false) {
+Outcome refuse_foreign(const Place& place) {
+    return Outcome::refused(EX_NOPERM, "looking at the mount point", place.path,
+                            "something else is mounted there");
+}
+
+// Unmounts until nothing of ours is on top.
+Outcome unmount_ours(const Place& place, const struct stat* image) {
+    for (bool first = true;; first = false) {
+        Presence presence = Presence::nothing;
         const Outcome looked = look_at_mount_point(place, image, presence);
         if (!looked.ok()) {
             return looked;
         }
-        if (presence == Presence::foreign && (first || keep_current)) {
-            return Outcome::refused(EX_NOPERM, "looking at the mount point", place.path,
-                                    "something else is mounted there");
+        if (presence == Presence::foreign && first) {
+            return refuse_foreign(place);
         }
-        if (presence == Presence::nothing || presence == Presence::foreign ||
-            (presence == Presence::current && keep_current)) {
+        if (presence == Presence::nothing || presence == Presence::foreign) {
             return {};
         }
         const Outcome unmounted = unmount_top(place);
@@ -206,11 +229,20 @@ Outcome mount_image(const Row& row) {
         return Outcome::failed("opening the mount point", row.target, error);
     }
     Presence presence = Presence::nothing;
-    outcome = unmount_ours(place, &image.status, true, presence);
+    outcome = look_at_mount_point(place, &image.status, presence);
     if (!outcome.ok() || presence == Presence::current) {
         return outcome;
     }
-    return mount_checked(image, place);
+    if (presence == Presence::foreign) {
+        return refuse_foreign(place);
+    }
+    // An older image stays until the new one is known to be good.
+    Prepared prepared;
+    outcome = prepare(image, row.first, prepared);
+    if (outcome.ok()) {
+        outcome = unmount_ours(place, &image.status);
+    }
+    return outcome.ok() ? attach_checked(prepared, image.status, place) : outcome;
 }
 
 Outcome unmount_image(const Row& row) {
@@ -223,8 +255,7 @@ Outcome unmount_image(const Row& row) {
     const UniqueFd image(open_absolute(stored_image, O_PATH));
     struct stat status;
     const bool stored = image.valid() && fstat(image.get(), &status) == 0;
-    Presence presence = Presence::nothing;
-    return unmount_ours(place, stored ? &status : nullptr, false, presence);
+    return unmount_ours(place, stored ? &status : nullptr);
 }
 
 }  // namespace ad_mounter

@@ -91,9 +91,10 @@ Outcome become_root(Caller& caller) {
     }
     if (caller.user == 0) {
         caller.group = 0;
-        return {};
+    } else if (setgroups(0, nullptr) != 0) {
+        return Outcome::failed(EX_OSERR, "becoming root", process, errno);
     }
-    if (setgroups(0, nullptr) != 0 || setresgid(0, 0, 0) != 0 || setresuid(0, 0, 0) != 0) {
+    if (setresgid(0, 0, 0) != 0 || setresuid(0, 0, 0) != 0) {
         return Outcome::failed(EX_OSERR, "becoming root", process, errno);
     }
     return {};

@@ -53,10 +53,13 @@ bool order_signals() {
 
 }  // namespace
 
-bool prepare_process() {
+Outcome prepare_process() {
     umask(022);
-    return open_standard_descriptors() && close_other_descriptors() && clearenv() == 0 &&
-           chdir("/") == 0 && order_signals();
+    if (open_standard_descriptors() && close_other_descriptors() && clearenv() == 0 &&
+        chdir("/") == 0 && order_signals()) {
+        return {};
+    }
+    return Outcome::failed(EX_OSERR, "preparing the process", "process", errno);
 }
 
 void hold_signals() {

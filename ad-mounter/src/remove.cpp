@@ -3,6 +3,7 @@
 #include "directory_reader.h"
 #include "mounted.h"
 #include "pinned_path.h"
+#include "shared_entries.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -19,6 +20,8 @@ namespace {
 constexpr int deepest = 128;
 
 Outcome remove_contents(int directory, int depth);
+
+Outcome share_removal(int directory);
 
 Outcome remove_directory(int parent, const char* name, int depth) {
     if (depth > deepest) {
@@ -37,7 +40,8 @@ Outcome remove_directory(int parent, const char* name, int depth) {
                        : Outcome::failed("opening the directory", remember_path(parent, name),
                                          errno);
         }
-        const Outcome outcome = remove_contents(directory.get(), depth);
+        const Outcome outcome =
+            depth == 1 ? share_removal(directory.get()) : remove_contents(directory.get(), depth);
         if (!outcome.ok()) {
             return outcome;
         }
@@ -74,6 +78,13 @@ Outcome remove_contents(int directory, int depth) {
                                reader.error());
     }
     return {};
+}
+
+Outcome share_removal(int directory) {
+    const auto work = [directory](const DirectoryEntry& entry, int) {
+        return remove_entry(directory, entry, 1);
+    };
+    return share_entries(directory, work);
 }
 
 // Out of the way under its other name first: what is left of a run that is cut

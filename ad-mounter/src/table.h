@@ -39,6 +39,7 @@ struct VerbForm {
  * for letter, the path that is changed, what that is, and the mode and owner
  * that it gets. Rows with the same verb and arguments belong together.
  */
+// In the order in which the table reads. NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding)
 struct Row {
     Verb verb;
     const char* first;

@@ -4,6 +4,8 @@
 #include "directory_reader.h"
 #include "pinned_path.h"
 #include "remove.h"
+#include "shared_entries.h"
+#include "tree_rules.h"
 
 #include <cerrno>
 #include <climits>
@@ -12,131 +14,149 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 
 namespace ad_mounter {
 
 namespace {
 
-// Each level holds two descriptors and one piece of the stack.
-constexpr int deepest = 64;
-
-Outcome refuse_entry(int directory, const char* name, const char* reason) {
-    return Outcome::refused(EX_DATAERR, "copying", remember_path(directory, name), reason);
-}
-
-Outcome fail_entry(const char* step, int directory, const char* name, int error) {
-    return Outcome::failed(step, remember_path(directory, name), error);
-}
-
-constexpr mode_t kept_bits = 01777;
+constexpr size_t buffer_size = size_t{256} << 10;
 
 // What the umask took away, and the sticky bit.
-bool mode_needs_setting(mode_t mode) { return (mode & kept_bits & ~mode_t{0755}) != 0; }
+bool mode_needs_setting(mode_t mode) { return (mode & kept_mode_bits & ~mode_t{0755}) != 0; }
 
-Outcome copy_file(int from, int to, const char* name) {
-    const UniqueFd source(
-        openat(from, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    struct stat status;
-    if (!source.valid() || fstat(source.get(), &status) != 0) {
-        return fail_entry("opening", from, name, errno);
+// What a tree was found to be when it was surveyed is looked at again: only
+// the opened thing itself counts.
+class Copier {
+public:
+    explicit Copier(char* buffer) : buffer_(buffer) {}
+
+    Outcome entry(int from, int to, const DirectoryEntry& entry, int depth) {
+        unsigned char type = entry.type;
+        if (type == DT_UNKNOWN) {
+            struct stat status;
+            if (fstatat(from, entry.name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+                return fail_entry("looking at", from, entry.name, errno);
+            }
+            type = static_cast<unsigned char>(IFTODT(status.st_mode));
+        }
+        switch (type) {
+            case DT_DIR:
+                return subdirectory(from, to, entry.name, depth + 1);
+            case DT_LNK:
+                return link(from, to, entry.name, depth);
+            default:
+                return file(from, to, entry.name);
+        }
     }
-    if (!S_ISREG(status.st_mode)) {
-        return refuse_entry(from, name, "neither file, directory nor link");
+
+private:
+    Outcome file(int from, int to, const char* name) {
+        const UniqueFd source(
+            openat(from, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+        struct stat status;
+        if (!source.valid() || fstat(source.get(), &status) != 0) {
+            return fail_entry("opening", from, name, errno);
+        }
+        const char* refusal = refusal_of_mode(status.st_mode);
+        if (refusal != nullptr || !S_ISREG(status.st_mode)) {
+            return refuse_entry(from, name, refusal != nullptr ? refusal : "not a regular file");
+        }
+        const UniqueFd copy(openat(to, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                                   status.st_mode & 0755));
+        if (!copy.valid()) {
+            return fail_entry("making the file", to, name, errno);
+        }
+        int error = copy_bytes(source.get(), copy.get(), static_cast<uint64_t>(status.st_size),
+                               buffer_, buffer_size);
+        if (error == 0 && mode_needs_setting(status.st_mode) &&
+            fchmod(copy.get(), status.st_mode & kept_mode_bits) != 0) {
+            error = errno;
+        }
+        return error != 0 ? fail_entry("copying", to, name, error) : Outcome();
     }
-    if ((status.st_mode & (S_ISUID | S_ISGID)) != 0) {
-        return refuse_entry(from, name, "a set-user-ID or set-group-ID file");
+
+    static Outcome link(int from, int to, const char* name, int depth) {
+        char target[PATH_MAX];
+        const ssize_t length = readlinkat(from, name, target, sizeof target - 1);
+        if (length < 0) {
+            return fail_entry("reading the link", from, name, errno);
+        }
+        target[length] = '\0';
+        if (!link_stays_inside(target, depth)) {
+            return refuse_entry(from, name, "a link that leads out of the tree");
+        }
+        return symlinkat(target, to, name) != 0 ? fail_entry("making the link", to, name, errno)
+                                                : Outcome();
     }
-    const UniqueFd file(openat(to, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                               status.st_mode & 0755));
-    if (!file.valid()) {
-        return fail_entry("making the file", to, name, errno);
+
+    Outcome subdirectory(int from, int to, const char* name, int depth) {
+        if (depth > deepest_tree) {
+            return refuse_entry(from, name, "directories are nested too deeply");
+        }
+        const UniqueFd source(open_beneath(from, name, O_RDONLY | O_DIRECTORY, Mounts::stay));
+        struct stat status;
+        if (!source.valid() || fstat(source.get(), &status) != 0) {
+            return fail_entry("opening the directory", from, name, errno);
+        }
+        const char* refusal = refusal_of_mode(status.st_mode);
+        if (refusal != nullptr) {
+            return refuse_entry(from, name, refusal);
+        }
+        if (mkdirat(to, name, status.st_mode & 0755) != 0) {
+            return fail_entry("making the directory", to, name, errno);
+        }
+        const UniqueFd copy(open_beneath(to, name, O_RDONLY | O_DIRECTORY, Mounts::stay));
+        if (!copy.valid()) {
+            return fail_entry("opening the directory", to, name, errno);
+        }
+        if (mode_needs_setting(status.st_mode) &&
+            fchmod(copy.get(), status.st_mode & kept_mode_bits) != 0) {
+            return fail_entry("setting the mode", to, name, errno);
+        }
+        return contents(source.get(), copy.get(), depth);
     }
-    int error = copy_bytes(source.get(), file.get(), static_cast<uint64_t>(status.st_size));
-    if (error == 0 && mode_needs_setting(status.st_mode) &&
-        fchmod(file.get(), status.st_mode & kept_bits) != 0) {
-        error = errno;
+
+    Outcome contents(int from, int to, int depth) {
+        DirectoryReader reader(from);
+        DirectoryEntry next;
+        while (reader.next(next)) {
+            const Outcome outcome = entry(from, to, next, depth);
+            if (!outcome.ok()) {
+                return outcome;
+            }
+        }
+        return reader.error() != 0 ? fail_entry("reading the directory", from, ".", reader.error())
+                                   : Outcome();
     }
-    return error != 0 ? fail_entry("copying", to, name, error) : Outcome();
+
+    char* buffer_;
+};
+
+Outcome copy_contents(int from, int to) {
+    alignas(4096) static char buffers[entry_workers][buffer_size];
+    const auto work = [&](const DirectoryEntry& entry, int worker) {
+        return Copier(buffers[worker]).entry(from, to, entry, 0);
+    };
+    return share_entries(from, work);
 }
 
-Outcome copy_link(int from, int to, const char* name, int depth) {
-    char target[PATH_MAX];
-    const ssize_t length = readlinkat(from, name, target, sizeof target - 1);
-    if (length < 0) {
-        return fail_entry("reading the link", from, name, errno);
+// Refuses what is not copied, and a tree that there is no room for.
+Outcome check_source(int source, const Place& place) {
+    struct statvfs room;
+    if (fstatvfs(place.directory.get(), &room) != 0) {
+        return Outcome::failed("checking for room", place.path, errno);
     }
-    target[length] = '\0';
-    if (!link_stays_inside(target, depth)) {
-        return refuse_entry(from, name, "a link that leads out of the tree");
-    }
-    return symlinkat(target, to, name) != 0 ? fail_entry("making the link", to, name, errno)
-                                            : Outcome();
-}
-
-Outcome copy_directory(int from, int to, int depth);
-
-Outcome copy_subdirectory(int from, int to, const char* name, int depth) {
-    if (depth > deepest) {
-        return refuse_entry(from, name, "directories are nested too deeply");
-    }
-    const UniqueFd source(open_beneath(from, name, O_RDONLY | O_DIRECTORY, Mounts::stay));
-    struct stat status;
-    if (!source.valid() || fstat(source.get(), &status) != 0) {
-        return fail_entry("opening the directory", from, name, errno);
-    }
-    if ((status.st_mode & (S_ISUID | S_ISGID)) != 0) {
-        return refuse_entry(from, name, "a set-group-ID directory");
-    }
-    if (mkdirat(to, name, status.st_mode & 0755) != 0) {
-        return fail_entry("making the directory", to, name, errno);
-    }
-    const UniqueFd directory(open_beneath(to, name, O_RDONLY | O_DIRECTORY, Mounts::stay));
-    if (!directory.valid()) {
-        return fail_entry("opening the directory", to, name, errno);
-    }
-    const Outcome outcome = copy_directory(source.get(), directory.get(), depth);
+    TreeSize size;
+    const Outcome outcome = survey_tree(source, room.f_frsize, size);
     if (!outcome.ok()) {
         return outcome;
     }
-    if (mode_needs_setting(status.st_mode) &&
-        fchmod(directory.get(), status.st_mode & kept_bits) != 0) {
-        return fail_entry("setting the mode", to, name, errno);
-    }
-    return {};
-}
-
-Outcome copy_entry(int from, int to, const DirectoryEntry& entry, int depth) {
-    unsigned char type = entry.type;
-    if (type == DT_UNKNOWN) {
-        struct stat status;
-        if (fstatat(from, entry.name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
-            return fail_entry("looking at", from, entry.name, errno);
-        }
-        type = static_cast<unsigned char>(IFTODT(status.st_mode));
-    }
-    switch (type) {
-        case DT_REG:
-            return copy_file(from, to, entry.name);
-        case DT_DIR:
-            return copy_subdirectory(from, to, entry.name, depth + 1);
-        case DT_LNK:
-            return copy_link(from, to, entry.name, depth);
-        default:
-            return refuse_entry(from, entry.name, "neither file, directory nor link");
-    }
-}
-
-Outcome copy_directory(int from, int to, int depth) {
-    DirectoryReader reader(from);
-    DirectoryEntry entry;
-    while (reader.next(entry)) {
-        const Outcome outcome = copy_entry(from, to, entry, depth);
-        if (!outcome.ok()) {
-            return outcome;
-        }
-    }
-    return reader.error() != 0 ? fail_entry("reading the directory", from, ".", reader.error())
-                               : Outcome();
+    // Where a file system does not count, nothing can be said.
+    const bool blocks_short = room.f_blocks != 0 && size.blocks > room.f_bavail;
+    const bool inodes_short = room.f_files != 0 && size.inodes > room.f_favail;
+    return blocks_short || inodes_short ? Outcome::failed("checking for room", place.path, ENOSPC)
+                                        : Outcome();
 }
 
 // Puts the prepared tree in place of the old one, if any, which ends up under
@@ -171,11 +191,11 @@ Outcome prepare(int source, const struct stat& top, const Place& place, const ch
     if (!fresh.valid()) {
         return Outcome::failed("opening the new tree", place.path, errno);
     }
-    const Outcome copied = copy_directory(source, fresh.get(), 0);
+    const Outcome copied = copy_contents(source, fresh.get());
     if (!copied.ok()) {
         return copied;
     }
-    if (mode_needs_setting(top.st_mode) && fchmod(fresh.get(), top.st_mode & kept_bits) != 0) {
+    if (mode_needs_setting(top.st_mode) && fchmod(fresh.get(), top.st_mode & kept_mode_bits) != 0) {
         return Outcome::failed("setting the mode", place.path, errno);
     }
     if (syncfs(fresh.get()) != 0) {
@@ -218,26 +238,6 @@ Outcome check_destination(const Place& place) {
 
 }  // namespace
 
-bool link_stays_inside(const char* target, int depth) {
-    if (*target == '/' || *target == '\0') {
-        return false;
-    }
-    bool climbing = true;
-    while (*target != '\0') {
-        const char* end = strchrnul(target, '/');
-        const auto length = static_cast<size_t>(end - target);
-        if (length == 2 && strncmp(target, "..", 2) == 0) {
-            if (!climbing || --depth < 0) {
-                return false;
-            }
-        } else if (length != 0 && !(length == 1 && *target == '.')) {
-            climbing = false;
-        }
-        target = *end == '/' ? end + 1 : end;
-    }
-    return true;
-}
-
 Outcome copy_tree(const Row& row, const Caller& caller) {
     const UniqueFd source(open_absolute(row.first, O_RDONLY | O_DIRECTORY));
     struct stat top;
@@ -254,6 +254,13 @@ Outcome copy_tree(const Row& row, const Caller& caller) {
     }
     if (outcome.ok()) {
         outcome = check_destination(place);
+    }
+    if (outcome.ok()) {
+        outcome = check_source(source.get(), place);
+    }
+    // The survey read the directory to its end.
+    if (outcome.ok() && lseek(source.get(), 0, SEEK_SET) != 0) {
+        outcome = Outcome::failed("reading the source", row.first, errno);
     }
     return outcome.ok() ? replace_tree(source.get(), top, place) : outcome;
 }
