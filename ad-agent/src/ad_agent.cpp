@@ -71,10 +71,10 @@ int ad_agent_config_server(const char* url_path) {
     });
 }
 
-int ad_agent_update(const char* installed_version) {
+int ad_agent_update(const char* stored_version) {
     return guarded(__func__, AD_AGENT_NO_UPDATE, [&] {
         const bool downloaded =
-            device_agent().update(installed_version ? installed_version : ad_agent::NO_VERSION);
+            device_agent().update(stored_version ? stored_version : ad_agent::NO_VERSION);
         return downloaded ? AD_AGENT_UPDATE_DOWNLOADED : AD_AGENT_NO_UPDATE;
     });
 }

@@ -82,6 +82,10 @@ bool give_up(Sink& sink, TransferEnd end, const std::string& error) {
     return false;
 }
 
+bool cannot_write(Sink& sink) {
+    return give_up(sink, TransferEnd::REFUSED, std::string("cannot write: ") + g_strerror(errno));
+}
+
 std::string header(const Sink& sink, const char* name) {
     curl_header* found = nullptr;
     const bool is_there =
@@ -113,21 +117,21 @@ bool begin_body(Sink& sink) {
     if (status == HTTP_PARTIAL_CONTENT && request.offset > 0) {
         const std::string wanted = "bytes " + std::to_string(request.offset) + "-";
         const std::string range = header(sink, "Content-Range");
-        if (range.compare(0, wanted.size(), wanted) != 0)
+        if (range.compare(0, wanted.size(), wanted) != 0) {
             return give_up(sink, TransferEnd::FAILED, "the server sends another range: " + range);
+        }
         if (!check_length(sink, request.size - request.offset)) return false;
         sink.done = request.offset;
     } else if (status == NO_STATUS || status == HTTP_OK) {
         if (!check_length(sink, request.size)) return false;
-        if (request.offset > 0 && ftruncate(request.fd, 0) != 0)
-            return give_up(sink, TransferEnd::REFUSED,
-                           std::string("cannot write: ") + g_strerror(errno));
+        if (request.offset > 0 && ftruncate(request.fd, 0) != 0) {
+            return cannot_write(sink);
+        }
     } else {
         return give_up(sink, TransferEnd::FAILED,
                        "the server answers with status " + std::to_string(status));
     }
     sink.validator = header(sink, "ETag");
-    if (sink.validator.empty()) sink.validator = header(sink, "Last-Modified");
     if (!is_validator(sink.validator)) sink.validator.clear();
     if (request.at_start) request.at_start(sink.validator);
     sink.begun = true;
@@ -141,9 +145,7 @@ bool write_piece(Sink& sink, const char* data, std::size_t length) {
         const ssize_t count = pwrite(sink.request.fd, data + written, length - written,
                                      static_cast<off_t>(sink.done));
         if (count < 0 && errno == EINTR) continue;
-        if (count <= 0)
-            return give_up(sink, TransferEnd::REFUSED,
-                           std::string("cannot write: ") + g_strerror(errno));
+        if (count <= 0) return cannot_write(sink);
         written += static_cast<std::size_t>(count);
         sink.done += static_cast<std::uint64_t>(count);
     }
@@ -165,7 +167,7 @@ std::size_t write_to_sink(char* data, std::size_t, std::size_t length, void* use
 int check_for_stall(void* user_data, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
     Sink& sink = *static_cast<Sink*>(user_data);
     const gint64 silence = g_get_monotonic_time() - sink.last_byte;
-    if (silence < sink.request.stall_timeout * G_USEC_PER_SEC) return 0;
+    if (silence < gint64{sink.request.stall_timeout} * G_USEC_PER_SEC) return 0;
     give_up(sink, TransferEnd::BROKEN,
             "no byte in " + std::to_string(sink.request.stall_timeout) + " seconds");
     return 1;
@@ -175,7 +177,7 @@ int check_for_stall(void* user_data, curl_off_t, curl_off_t, curl_off_t, curl_of
 bool set_condition(const Sink& sink) {
     const TransferRequest& request = sink.request;
     if (request.validator.empty()) return request.offset == 0;
-    std::string field = is_etag(request.validator) ? "If-None-Match: " : "If-Modified-Since: ";
+    std::string field = "If-None-Match: ";
     if (request.offset > 0) {
         field = "If-Range: ";
         const std::string range = std::to_string(request.offset) + "-";

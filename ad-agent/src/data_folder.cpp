@@ -78,6 +78,14 @@ std::optional<std::string> DataFolder::read(const std::string& name,
 
 void DataFolder::remove(const std::string& name) const { unlinkat(fd(), name.c_str(), 0); }
 
+void DataFolder::remove_parts(const std::string& kept) const {
+    GDir* const entries = g_dir_open(m_path.c_str(), 0, nullptr);
+    if (!entries) return;
+    while (const char* name = g_dir_read_name(entries))
+        if (g_str_has_suffix(name, PART_SUFFIX) && name != part_name(kept)) remove(name);
+    g_dir_close(entries);
+}
+
 std::uint64_t DataFolder::free_bytes() const {
     struct statvfs status = {};
     if (fstatvfs(fd(), &status) != 0) return 0;

@@ -39,6 +39,12 @@ public:
     /** Removes a file that may be there. */
     void remove(const std::string& name) const;
 
+    /**
+     * Removes the part files of processes that were killed.
+     * @param kept  the name of a file whose part file stays
+     */
+    void remove_parts(const std::string& kept) const;
+
     /** Gives the bytes that this process may still write here. */
     std::uint64_t free_bytes() const;
 

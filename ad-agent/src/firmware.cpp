@@ -6,7 +6,7 @@
 
 // The daemon brings the platform's library along. Other hosts have none, and the
 // library must load into them all the same.
-extern "C" __attribute__((weak)) int system_info_get_value_string(int key, char** value);
+#pragma weak system_info_get_value_string
 
 namespace ad_agent {
 

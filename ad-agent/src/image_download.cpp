@@ -58,7 +58,7 @@ public:
           m_index(index),
           m_part(part),
           m_request(request_for(settings, IMAGES_PATH + index.file)),
-          m_deadline(g_get_monotonic_time() + settings.image_timeout * G_USEC_PER_SEC) {
+          m_deadline(g_get_monotonic_time() + gint64{settings.image_timeout} * G_USEC_PER_SEC) {
         m_request.fd = part.fd();
         m_request.max_bytes = index.size;
         m_request.size = index.size;
@@ -169,10 +169,8 @@ bool download_image(const Settings& settings, const DataFolder& folder, const Up
         remove_validator(folder, IMAGE_NAME);
         return part->commit(error);
     }
-    if (part->size() > 0)
-        part->keep();
-    else
-        remove_validator(folder, IMAGE_NAME);
+    if (part->size() == 0) remove_validator(folder, IMAGE_NAME);
+    if (part->size() > 0) part->keep();
     return false;
 }
 

@@ -141,6 +141,7 @@ private:
 
 bool offer_image(const Places& places, const DataFolder& folder, const std::string& stored_version,
                  std::string& message) {
+    folder.remove_parts(IMAGE_NAME);
     return Update(places, folder, stored_version).run(message);
 }
 

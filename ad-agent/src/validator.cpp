@@ -15,12 +15,9 @@ std::string file_name(const std::string& name) { return name + ".validator"; }
 }  // namespace
 
 bool is_validator(const std::string& text) {
-    return !text.empty() && text.size() <= MAX_LENGTH &&
+    const bool is_etag = text.compare(0, 1, "\"") == 0 || text.compare(0, 3, "W/\"") == 0;
+    return is_etag && text.size() <= MAX_LENGTH &&
            std::all_of(text.begin(), text.end(), [](char c) { return g_ascii_isprint(c); });
-}
-
-bool is_etag(const std::string& validator) {
-    return validator.compare(0, 1, "\"") == 0 || validator.compare(0, 3, "W/\"") == 0;
 }
 
 bool is_strong(const std::string& validator) {

@@ -1,7 +1,8 @@
 /**
- * Validators (RFC 9110, 8.8): what a server said of a file so that it can be asked
- * whether the file has changed, an ETag or else the time of Last-Modified. One is
- * kept beside its file, as "NAME.validator".
+ * Validators (RFC 9110, 8.8): the ETag that a server gave with a file, so that it
+ * can be asked whether the file has changed. One is kept beside its file, as
+ * "NAME.validator". A time of Last-Modified is not used: its seconds are too coarse
+ * for an index that is published twice in one.
  */
 #ifndef AD_AGENT_VALIDATOR_H
 #define AD_AGENT_VALIDATOR_H
@@ -12,11 +13,8 @@
 
 namespace ad_agent {
 
-/** Whether a text is one that may be kept and sent: short, and printable ASCII. */
+/** Whether a text is an ETag that may be kept and sent: short, and printable ASCII. */
 bool is_validator(const std::string& text);
-
-/** Whether it is an ETag rather than a time. */
-bool is_etag(const std::string& validator);
 
 /** Whether it stands for the same bytes (RFC 9110, 13.1.5), as going on by range needs. */
 bool is_strong(const std::string& validator);

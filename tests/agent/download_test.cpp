@@ -47,6 +47,7 @@ protected:
         EXPECT_TRUE(update("1.05")) << output();
         EXPECT_TRUE(image() == large_image());
         EXPECT_EQ(image_files(), std::set<std::string>{"zelADAgent.img"});
+        EXPECT_FALSE(std::filesystem::exists(data + "/update.ini.part"));
         std::vector<std::string> requests = server.take_requests();
         requests.erase(requests.begin());  // of the index
         return requests;
@@ -57,6 +58,7 @@ TEST_F(Download, GoesOnWhereTheHostWasKilled) {
     for (std::size_t bytes = TENTH; bytes < large_image().size(); bytes += TENTH) {
         SCOPED_TRACE(bytes);
         kill_at(bytes);
+        write_file(data + "/update.ini.part", "of a kill somewhere else");
         EXPECT_THAT(complete(), ElementsAre(PATH + (" from " + std::to_string(bytes))));
         EXPECT_THAT(output(), HasSubstr("going on after " + std::to_string(bytes)));
         std::filesystem::remove(data + "/zelADAgent.img");
