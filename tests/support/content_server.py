@@ -114,7 +114,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.log_request_line(path, "from", start)
             first = start + (number if fault == "shift" else 0)
             headers["Content-Range"] = "bytes %d-%d/%d" % (first, len(body) - 1, len(body))
-            body = body[first:]
+            body = (body[first:] + body)[: len(body) - start]  # a shift keeps the length
             self.send_headers(206, len(body), **headers)
         self.send_body(body, fault, number)
 
