@@ -254,8 +254,9 @@ std::string Device::leftovers() const {
             .output;
     // Everything that belongs below /opt, by name; what else there is was left.
     static const std::vector<std::string> expected{
-        "platform.log",        "state.ini",      "ad-agent.conf",      "adagentversion.txt",
-        "zelADAgentCache.xml", "zelADAgent.img", "libad-agent-fwk.so", "libad-player-fwk.so"};
+        "platform.log",        "state.ini",           "ad-agent.conf",      "adagentversion.txt",
+        "zelADAgentCache.xml", "zelADAgent.img",      "libad-agent-fwk.so", "libad-player-fwk.so",
+        "update.ini",          "update.ini.validator"};
     for (const auto& entry : fs::recursive_directory_iterator(home_ + "/opt")) {
         const std::string name = entry.path().filename();
         const bool document = name.find("Ad-v2") != std::string::npos;

@@ -29,6 +29,8 @@ TEST_P(FailingMounter, IsReportedAndTheNextBootCompletes) {
 
     device.repair_mounter();
     device.publish("1.06");
+    // A boot completes what was cut, if anything was stored, before it asks the server.
+    device.run_update();
     device.run_update();
     EXPECT_EQ(device.recorded_version(), "1.06");
     EXPECT_TRUE(device.updatable_copy_is_published());
@@ -142,7 +144,7 @@ TEST_P(FailingServer, LeavesTheDaemonRunningAndTheNextBootCompletes) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Faults, FailingServer,
-                         testing::Values("/images/* stall 1000\n", "/images/* cut 1000\n",
+                         testing::Values("/images/* stall 1000\n", "/images/* cut 0\n",
                                          "* stall 1\n", "* garbage\n", "* status 500\n",
                                          "* redirect\n", "/images/* endless\n"));
 
