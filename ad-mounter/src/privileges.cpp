@@ -69,7 +69,8 @@ Outcome filter_calls() {
     if (filter == nullptr) {
         return Outcome::failed(EX_OSERR, step, "filter", ENOMEM);
     }
-    int error = 0;
+    // Whether the process may gain privileges was settled before.
+    int error = seccomp_attr_set(filter, SCMP_FLTATR_CTL_NNP, 0);
     for (const int call : forbidden_calls) {
         if (error == 0) {
             error = seccomp_rule_add(filter, SCMP_ACT_KILL_PROCESS, call, 0);

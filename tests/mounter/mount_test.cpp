@@ -160,6 +160,24 @@ TEST_P(Mount, BusyUnmountSaysSoAndLeavesIt) {
     EXPECT_EQ(device().run(umount_words).status, 0);
 }
 
+TEST_P(Mount, IsTakenBackWhenTheMountPointChangedMeanwhile) {
+    if (!missing_for_tracing().empty()) {
+        GTEST_SKIP() << missing_for_tracing();
+    }
+    store("1.0");
+    const Result result = trace(device(), mount_words, [&](const SystemCall& call) -> Decision {
+        if (call.number == SYS_move_mount) {
+            fs::rename(device().at(mount_point), device().at("/work/away"));
+            device().make_directory(mount_point);
+        }
+        return {};
+    });
+    EXPECT_EQ(result.status, 75) << result.err;
+    EXPECT_EQ(device().mounts().size(), 0U);
+    EXPECT_FALSE(device().exists("/work/away/zelADAgent.xml"));
+    EXPECT_EQ(device().loop_devices(), Words());
+}
+
 TEST_P(Mount, WorksOnOlderKernels) {
     if (!missing_for_tracing().empty()) {
         GTEST_SKIP() << missing_for_tracing();

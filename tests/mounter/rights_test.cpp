@@ -209,7 +209,7 @@ TEST_F(SetUserId, CallerCannotKillARunThatWorks) {
         options.group = group;
         device().execute({"--create", "create_path_usr_lib"}, options);
     }
-    while (process_status(pid)["Seccomp"] != "2") {
+    for (int i = 0; i < 1000 && process_status(pid)["Seccomp"] != "2"; ++i) {
         usleep(1000);
     }
     const pid_t killer = fork();
