@@ -24,8 +24,10 @@ constexpr uint64_t needed_capabilities(Verb verb) {
         case Verb::mount:
         case Verb::umount:
             return bit(CAP_SYS_ADMIN) | bit(CAP_DAC_OVERRIDE);
-        case Verb::create:
         case Verb::replace_image:
+            // The manifest is read from a mount.
+            return bit(CAP_SYS_ADMIN) | bit(CAP_DAC_OVERRIDE) | bit(CAP_CHOWN) | bit(CAP_FOWNER);
+        case Verb::create:
         case Verb::copy_library:
         case Verb::copy_tree:
             return bit(CAP_DAC_OVERRIDE) | bit(CAP_CHOWN) | bit(CAP_FOWNER);
