@@ -125,6 +125,8 @@ TEST(Filter, ForbidsProgramsSocketsAndTracing) {
     EXPECT_EQ(attempt([] { socket(AF_UNIX, SOCK_STREAM, 0); }), SIGSYS);
     int ends[2];
     EXPECT_EQ(attempt([&] { socketpair(AF_UNIX, SOCK_STREAM, 0, ends); }), SIGSYS);
+    EXPECT_EQ(attempt([] { syscall(SYS_io_uring_setup, 1, nullptr); }), SIGSYS);
+    EXPECT_EQ(attempt([] { syscall(SYS_vfork); }), SIGSYS);
     EXPECT_EQ(attempt([] { ptrace(PTRACE_TRACEME, 0, nullptr, nullptr); }), SIGSYS);
 }
 
