@@ -92,7 +92,8 @@ bool loop_backing(dev_t device, LoopBacking& backing) {
     char path[32];
     const UniqueFd fd(open_loop_device(minor(device), path, sizeof path));
     loop_info64 info = {};
-    if (!fd.valid() || ioctl(fd.get(), LOOP_GET_STATUS64, &info) != 0) {
+    if (!fd.valid() || ioctl(fd.get(), LOOP_GET_STATUS64, &info) != 0 || info.lo_offset != 0 ||
+        info.lo_sizelimit != 0) {
         return false;
     }
     backing.device = info.lo_device;

@@ -29,7 +29,7 @@ struct LoopBacking {
     char file_name[64];
 };
 
-/** Asks the loop device `device`. False when it is none or cannot be asked. */
+/** Asks the loop device `device`. False when it is none of a whole file, or cannot be asked. */
 bool loop_backing(dev_t device, LoopBacking& backing);
 
 }  // namespace ad_mounter

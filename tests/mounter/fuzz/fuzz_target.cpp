@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -57,7 +58,7 @@ void fuzz_image_header(const uint8_t* data, size_t size) {
         if (seen.refusal == nullptr) {
             require(size >= 96);
             require(std::string(file_system_name(seen.type)) ==
-                    (header[0] == 'h' && header[1] == 's' ? "squashfs" : "erofs"));
+                    (memcmp(header.data(), "hsqs", 4) == 0 ? "squashfs" : "erofs"));
         }
     }
 }
