@@ -9,6 +9,8 @@ namespace ad_mounter {
 
 namespace {
 
+constexpr const char* step = "checking the image";
+
 // All numbers on the disk are little-endian.
 uint64_t number_at(const unsigned char* bytes, size_t offset, size_t width) {
     uint64_t value = 0;
@@ -86,8 +88,21 @@ const char* file_system_name(FileSystem type) {
     return type == FileSystem::squashfs ? "squashfs" : "erofs";
 }
 
+Outcome judge_image(int fd, const char* path, uint64_t size, FileSystem& type) {
+    unsigned char header[image_header_size];
+    const ssize_t length = pread(fd, header, sizeof header, 0);
+    if (length < 0) {
+        return Outcome::failed(step, path, errno);
+    }
+    const Recognition recognition = recognise_image(header, static_cast<size_t>(length), size);
+    if (recognition.refusal != nullptr) {
+        return Outcome::refused(EX_DATAERR, step, path, recognition.refusal);
+    }
+    type = recognition.type;
+    return {};
+}
+
 Outcome judge_image(int fd, const char* path, FileSystem& type) {
-    constexpr const char* step = "checking the image";
     struct stat status;
     if (fstat(fd, &status) != 0) {
         return Outcome::failed(step, path, errno);
@@ -95,18 +110,7 @@ Outcome judge_image(int fd, const char* path, FileSystem& type) {
     if (!S_ISREG(status.st_mode)) {
         return Outcome::refused(EX_DATAERR, step, path, "not a regular file");
     }
-    unsigned char header[image_header_size];
-    const ssize_t length = pread(fd, header, sizeof header, 0);
-    if (length < 0) {
-        return Outcome::failed(step, path, errno);
-    }
-    const Recognition recognition =
-        recognise_image(header, static_cast<size_t>(length), static_cast<uint64_t>(status.st_size));
-    if (recognition.refusal != nullptr) {
-        return Outcome::refused(EX_DATAERR, step, path, recognition.refusal);
-    }
-    type = recognition.type;
-    return {};
+    return judge_image(fd, path, static_cast<uint64_t>(status.st_size), type);
 }
 
 }  // namespace ad_mounter

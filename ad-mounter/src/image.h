@@ -35,6 +35,9 @@ const char* file_system_name(FileSystem type);
  */
 Outcome judge_image(int fd, const char* path, FileSystem& type);
 
+/** The same when only the first `size` bytes of the file may hold the file system. */
+Outcome judge_image(int fd, const char* path, uint64_t size, FileSystem& type);
+
 }  // namespace ad_mounter
 
 #endif

@@ -47,8 +47,8 @@ bool close_other_descriptors() {
 bool order_signals() {
     sigset_t none;
     sigemptyset(&none);
-    return signal(SIGPIPE, SIG_IGN) != SIG_ERR && signal(SIGXFSZ, SIG_IGN) != SIG_ERR &&
-           signal(SIGCHLD, SIG_DFL) != SIG_ERR && sigprocmask(SIG_SETMASK, &none, nullptr) == 0;
+    return signal(SIGPIPE, SIG_IGN) != SIG_ERR && signal(SIGCHLD, SIG_DFL) != SIG_ERR &&
+           sigprocmask(SIG_SETMASK, &none, nullptr) == 0;
 }
 
 }  // namespace

@@ -3,7 +3,10 @@
 #include "aside_file.h"
 #include "copy.h"
 #include "image.h"
+#include "manifest.h"
 #include "pinned_path.h"
+#include "prepared_mount.h"
+#include "signature.h"
 
 #include <cerrno>
 
@@ -93,6 +96,26 @@ Outcome remove_download(const Download& download) {
     return {};
 }
 
+// Verifies the very file that becomes the stored image. Its manifest is read
+// from a mount that nobody else sees; a kernel that has none such leaves the
+// version to --mount.
+Outcome verify_stored(int fd, const char* path) {
+    VerifiedImage image;
+    ImageFile file = {fd, {}, FileSystem::squashfs};
+    Outcome outcome = verify_image(fd, path, image);
+    if (outcome.ok() && fstat(fd, &file.status) != 0) {
+        outcome = Outcome::failed("verifying the signature", path, errno);
+    }
+    file.type = image.type;
+    PreparedMount prepared;
+    if (outcome.ok()) {
+        outcome = prepare_mount(file, path, prepared);
+    }
+    return outcome.ok() && prepared.detached.valid()
+               ? check_manifest(prepared.detached.get(), path, image.version)
+               : outcome;
+}
+
 Outcome install_download(const Download& download, const Place& place, const Row& row) {
     AsideFile file(place);
     if (!may_be_linked(download) || file.link(download.fd.get()) != 0) {
@@ -101,9 +124,8 @@ Outcome install_download(const Download& download, const Place& place, const Row
             return copied;
         }
     }
-    FileSystem type = FileSystem::squashfs;
-    const Outcome judged = judge_image(file.fd(), row.first, type);
-    return judged.ok() ? file.commit(row.mode) : judged;
+    const Outcome verified = verify_stored(file.fd(), row.first);
+    return verified.ok() ? file.commit(row.mode) : verified;
 }
 
 }  // namespace
@@ -133,9 +155,8 @@ Outcome replace_image(const Row& row, const Caller& caller) {
     const bool in_place =
         fstatat(place.directory.get(), place.name, &stored, AT_SYMLINK_NOFOLLOW) == 0 &&
         same_file(stored, download.status);
-    if (!in_place) {
-        outcome = install_download(download, place, row);
-    }
+    outcome = in_place ? verify_stored(download.fd.get(), row.first)
+                       : install_download(download, place, row);
     return outcome.ok() ? remove_download(download) : outcome;
 }
 

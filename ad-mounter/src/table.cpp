@@ -61,6 +61,7 @@ constexpr Row table[] = {
 
 const char* const stored_image = image;
 const char* const run_directory = "/run/ad-mounter";
+const char* const key_directory = "/usr/lib/ad-mounter/keys";
 
 Entries<VerbForm> verb_forms() { return {std::begin(forms), std::end(forms)}; }
 

@@ -71,6 +71,9 @@ extern const char* const stored_image;
 /** The tool's own directory, root's alone: the lock and names for the kernel. */
 extern const char* const run_directory;
 
+/** The firmware's public keys, by which images are trusted. */
+extern const char* const key_directory;
+
 }  // namespace ad_mounter
 
 #endif

@@ -173,10 +173,18 @@ void Device::publish_tree(const std::string& version, const std::string& folder)
     publish_file(version, image);
 }
 
-void Device::publish_file(const std::string& version, const std::string& image) const {
+void Device::publish_file(const std::string& version, const std::string& plain) const {
     const std::string name = "by-hand-" + version + ".img";
+    const std::string image = home_ + "/www/images/" + name;
+    const std::string signature = home_ + "/run/signature";
+    const CommandResult made = run({"minisign", "-S", "-s", home_ + "/maker.key", "-t",
+                                    "version:" + version, "-m", plain, "-x", signature});
+    ASSERT_EQ(made.status, 0) << made.output;
+    const std::string text = read_file(signature);
+    const char ending[] = {
+        static_cast<char>(text.size()), static_cast<char>(text.size() >> 8), 0, 0, 1, 0, 0, 0};
     fs::create_directories(home_ + "/www/images");
-    fs::copy_file(image, home_ + "/www/images/" + name, fs::copy_options::overwrite_existing);
+    write_file(image, read_file(plain) + text + "ADIMGSIG" + std::string(ending, sizeof(ending)));
     write_file(home_ + "/www/update.ini",
                "[image]\nversion=" + version + "\nsize=" + std::to_string(fs::file_size(image)) +
                    "\nsha256=" + ad_sha256_file(image.c_str()) + "\nfile=" + name + "\n");

@@ -113,14 +113,15 @@ TEST_P(Mount, BrokenNewImageLeavesTheOldMounted) {
     store("1.0");
     ASSERT_EQ(device().run(mount_words).status, 0);
     store("2.0");
-    std::string image = device().read(stored_image);
-    // The header is good, what it points to is not.
+    std::string image = without_trailer(device().read(stored_image));
+    // The header and the signature are good, what the header points to is not.
     const size_t from = GetParam() == std::string("squashfs") ? 96 : 1152;
     std::fill(image.begin() + static_cast<long>(from), image.end(), '\xee');
     fs::remove(device().at(stored_image));
-    device().write(stored_image, image);
+    device().write(stored_image, device().maker().signed_image(image, "2.0"));
     const Result result = device().run(mount_words);
     EXPECT_EQ(result.status, 65) << result.err;
+    EXPECT_EQ(result.err.find("signature"), std::string::npos) << result.err;
     expect_mounted("1.0");
     EXPECT_LE(device().loop_devices().size(), 1U);
 }
@@ -158,6 +159,24 @@ TEST_P(Mount, BusyUnmountSaysSoAndLeavesIt) {
     expect_mounted("1.0");
     close(used);
     EXPECT_EQ(device().run(umount_words).status, 0);
+}
+
+TEST_P(Mount, IsTakenBackWhenTheMountPointChangedMeanwhile) {
+    if (!missing_for_tracing().empty()) {
+        GTEST_SKIP() << missing_for_tracing();
+    }
+    store("1.0");
+    const Result result = trace(device(), mount_words, [&](const SystemCall& call) -> Decision {
+        if (call.number == SYS_move_mount) {
+            fs::rename(device().at(mount_point), device().at("/work/away"));
+            device().make_directory(mount_point);
+        }
+        return {};
+    });
+    EXPECT_EQ(result.status, 75) << result.err;
+    EXPECT_EQ(device().mounts().size(), 0U);
+    EXPECT_FALSE(device().exists("/work/away/zelADAgent.xml"));
+    EXPECT_EQ(device().loop_devices(), Words());
 }
 
 TEST_P(Mount, WorksOnOlderKernels) {

@@ -147,6 +147,20 @@ TEST_F(Remove, CreationKeepsWhatIsThere) {
     }
     EXPECT_EQ(snapshot(device().at("/opt")), before);
     device().remove(cache_manifest);
+    if (missing_for_tracing().empty()) {
+        // It appears at the last moment.
+        const Words words = {"--create", "create_file_apps_zeladagent_xml"};
+        const Result result = trace(device(), words, [&](const SystemCall& call) -> Decision {
+            if (call.number == SYS_renameat2) {
+                device().write(cache_manifest, "<Cache/>");
+            }
+            return {};
+        });
+        EXPECT_EQ(result.status, 0) << result.err;
+        EXPECT_EQ(device().read(cache_manifest), "<Cache/>");
+        EXPECT_EQ(device().leftovers(), Words());
+    }
+    device().remove(cache_manifest);
     device().make_directory(cache_manifest);
     EXPECT_EQ(device().run({"--create", "create_file_apps_zeladagent_xml"}).status, 73);
     device().remove(usr_lib);

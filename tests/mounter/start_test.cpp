@@ -2,9 +2,11 @@
 
 #include "process_start.h"
 #include "support/device.h"
+#include "support/tracer.h"
 
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 
 #include <fcntl.h>
@@ -12,11 +14,14 @@
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace mounter_test {
 namespace {
+
+namespace fs = std::filesystem;
 
 const Words create_words = {"--create", "create_path_usr_lib"};
 
@@ -53,6 +58,34 @@ TEST_F(Start, HelpAndVersionTellTheTable) {
     RunOptions full;
     full.before_exec = [] { dup2(open("/dev/full", O_WRONLY), STDOUT_FILENO); };
     EXPECT_EQ(device().run({"--help"}, full).status, 74);
+}
+
+// What the process looks like when it takes the lock, before it touches anything.
+TEST_F(Start, ProcessIsInOrderBeforeItBegins) {
+    if (!missing_for_tracing().empty()) {
+        GTEST_SKIP() << missing_for_tracing();
+    }
+    RunOptions options;
+    options.before_exec = [] {
+        (void)!chdir("/home");
+        close(0);
+        close(1);
+        close(2);
+    };
+    int looked = 0;
+    const auto look = [&](const SystemCall& call) -> Decision {
+        if (call.number == SYS_flock) {
+            const std::string process = "/proc/" + std::to_string(call.process);
+            for (const char* descriptor : {"/fd/0", "/fd/1", "/fd/2"}) {
+                EXPECT_EQ(fs::read_symlink(process + descriptor), device().at("/dev/null"));
+            }
+            EXPECT_EQ(fs::read_symlink(process + "/cwd"), device().at(""));
+            ++looked;
+        }
+        return {};
+    };
+    EXPECT_EQ(trace(device(), create_words, look, options).status, 0);
+    EXPECT_EQ(looked, 1);
 }
 
 // Whatever is opened while 0 to 2 are free gets one of those numbers, and the
@@ -115,6 +148,10 @@ TEST_F(Start, AnyUmaskGivesTheSameModes) {
             ASSERT_EQ(stat(device().at(path).c_str(), &status), 0);
             EXPECT_EQ(status.st_mode & 07777, static_cast<mode_t>(mode)) << path << ' ' << mask;
         }
+        device().remove(mount_point);
+        device().put_tree(mount_point, "1.0");
+        ASSERT_EQ(device().run(tree_words, options).status, 0);
+        EXPECT_EQ(snapshot(device().at(player_res)), snapshot(device().at(tree_words[1])));
     }
 }
 
@@ -169,6 +206,7 @@ TEST_F(Start, SmallFileLimitAndClosedPipeAreReportedNotFatal) {
         dup2(ends[1], STDERR_FILENO);
     };
     EXPECT_EQ(device().run(library_words, options).status, 74);
+    EXPECT_EQ(device().run({"--frobnicate"}, options).status, 64);
     EXPECT_EQ(device().leftovers(), Words());
 }
 

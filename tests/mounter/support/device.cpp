@@ -133,7 +133,13 @@ Device::Device() : root_(place_for_root) {
     bind_mount("/proc", at("/proc"));
     bind_mount("/dev", at("/dev"));
     // A tool built with the sanitizers is linked dynamically.
-    bind_mount("/usr/lib", at("/usr/lib"));
+    for (const char* directory : {"/usr/lib", "/layer/upper", "/layer/work"}) {
+        fs::create_directories(at(directory));
+    }
+    const std::string layers =
+        "lowerdir=/usr/lib,upperdir=" + at("/layer/upper") + ",workdir=" + at("/layer/work");
+    check(mount("usr-lib", at("/usr/lib").c_str(), "overlay", 0, layers.c_str()) == 0, layers);
+    write(device_key, maker_.public_key());
     for (const char* directory : {"/lib", "/lib64"}) {
         if (fs::is_symlink(directory)) {
             fs::create_symlink(std::string("usr") + directory, at(directory));
@@ -209,6 +215,7 @@ void Device::put_image(const std::string& inside, const std::string& version,
         shell(type == "squashfs"
                   ? "mksquashfs " + at("/work/tree") + ' ' + at(made) + " -quiet -no-progress"
                   : "mkfs.erofs " + at(made) + ' ' + at("/work/tree"));
+        write(made, maker_.signed_image(read(made), version));
     }
     fs::create_directories(fs::path(at(inside)).parent_path());
     fs::remove(at(inside));

@@ -3,6 +3,8 @@
 #ifndef MOUNTER_TEST_DEVICE_H
 #define MOUNTER_TEST_DEVICE_H
 
+#include "maker.h"
+
 #include <functional>
 #include <map>
 #include <memory>
@@ -21,6 +23,8 @@ constexpr const char* cache_manifest = "/opt/usr/apps/adagent/zelADAgentCache.xm
 constexpr const char* downloaded_image = "/opt/usr/apps/adagent/zelADAgent.img";
 constexpr const char* mount_point = "/opt/usr/apps/zelADAgent";
 constexpr const char* stored_image = "/opt/down/zels/zelADAgent_img/zelADAgent.img";
+constexpr const char* key_directory = "/usr/lib/ad-mounter/keys";
+constexpr const char* device_key = "/usr/lib/ad-mounter/keys/device.pub";
 constexpr const char* player_res = "/usr/bin/zels/zelADAgent/adplayer/res";
 
 using Words = std::vector<std::string>;
@@ -80,13 +84,16 @@ public:
     void make_layout() const;
 
     /**
-     * Makes an image with the libraries and resources of a version and puts it
+     * Makes a signed image with the libraries and resources of a version and puts it
      * at `inside`. `type` is "squashfs" or "erofs". `change` may alter the tree
      * first; its argument is the tree's path. Made once for each version and type.
      */
     void put_image(const std::string& inside, const std::string& version,
                    const std::string& type = "squashfs",
                    const std::function<void(const std::string&)>& change = {}) const;
+
+    /** Whose images the device takes. */
+    const Maker& maker() const { return maker_; }
 
     /** The same tree without an image, as if it were mounted. */
     void put_tree(const std::string& inside, const std::string& version) const;
@@ -110,6 +117,7 @@ public:
 
 private:
     std::string root_;
+    Maker maker_;
 };
 
 class DeviceTest : public testing::Test {

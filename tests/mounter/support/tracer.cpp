@@ -136,14 +136,16 @@ std::string missing_for_tracing() {
     return known_machine ? "" : "system calls are only intercepted on x86-64";
 }
 
-Result trace(const Device& device, const Words& words, const Decide& decide) {
+Result trace(const Device& device, const Words& words, const Decide& decide, RunOptions options) {
     const std::string log = device.at("/work/trace.err");
     const int err = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     const pid_t pid = fork();
     if (pid == 0) {
         dup2(err, STDERR_FILENO);
-        RunOptions options;
-        options.before_exec = [] {
+        options.before_exec = [before = options.before_exec] {
+            if (before) {
+                before();
+            }
             ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
             raise(SIGSTOP);
         };

@@ -35,7 +35,8 @@ std::string missing_for_tracing();
  * Runs the tool; `decide` sees every call that the tool itself makes, from all
  * of its threads, but none of its loader. A killed run has the status -SIGKILL.
  */
-Result trace(const Device& device, const Words& words, const Decide& decide);
+Result trace(const Device& device, const Words& words, const Decide& decide,
+             RunOptions options = {});
 
 /** The name of a call that the tests inject faults into; null for all others. */
 const char* fault_name(const SystemCall& call);
