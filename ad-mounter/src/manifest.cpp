@@ -79,7 +79,8 @@ public:
         }
         text.remove_prefix(from);
         text.remove_suffix(text.size() - 1 - text.find_last_not_of(blanks));
-        return text.find_first_of(" \t\r\n&") == std::string_view::npos;
+        // References to characters are not resolved here.
+        return text.find('&') == std::string_view::npos;
     }
 
 private:
@@ -132,12 +133,7 @@ bool find_version(Markup markup, std::string_view& version) {
 
 bool version_in_manifest(const char* text, size_t length, char (&version)[version_size]) {
     std::string_view found;
-    if (!find_version(Markup(text, length), found) || found.size() >= version_size) {
-        return false;
-    }
-    memcpy(version, found.data(), found.size());
-    version[found.size()] = '\0';
-    return true;
+    return find_version(Markup(text, length), found) && keep_version(found, version);
 }
 
 Outcome check_manifest(int top, const char* path, const char* version) {

@@ -3,7 +3,7 @@
 #define AD_MOUNTER_MANIFEST_H
 
 #include "messages.h"
-#include "trailer.h"
+#include "version_text.h"
 
 #include <cstddef>
 

@@ -83,11 +83,9 @@ bool find_version(std::string_view comment, char (&version)[version_size]) {
         if (!take(word, version_prefix)) {
             continue;
         }
-        if (++found > 1 || word.empty() || word.size() >= version_size) {
+        if (++found > 1 || !keep_version(word, version)) {
             return false;
         }
-        memcpy(version, word.data(), word.size());
-        version[word.size()] = '\0';
     }
     return found == 1;
 }

@@ -2,6 +2,8 @@
 #ifndef AD_MOUNTER_TRAILER_H
 #define AD_MOUNTER_TRAILER_H
 
+#include "version_text.h"
+
 #include <cstddef>
 #include <cstdint>
 
@@ -12,9 +14,6 @@ constexpr size_t footer_size = 16;
 
 /** As many of an image's last bytes as parse_trailer() looks at. */
 constexpr size_t longest_trailer = 4096 + footer_size;
-
-/** Room for an image's version and a terminating null. */
-constexpr size_t version_size = 20;
 
 constexpr size_t key_id_size = 8;
 constexpr size_t signature_size = 64;

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <vector>
 
 #include <sched.h>
@@ -44,6 +45,23 @@ void write_resources(const fs::path& top, int files, int directories) {
     }
 }
 
+// As the tool takes it: the signature and its trailer behind the image.
+void sign(const std::string& scratch, const std::string& image) {
+    const std::string signature = scratch + "/signature";
+    run({"minisign", "-S", "-s", scratch + "/maker.key", "-t", "version:1.0", "-m", image, "-x",
+         signature});
+    std::ifstream file(signature, std::ios::binary);
+    const std::string text(std::istreambuf_iterator<char>(file), {});
+    const auto length = static_cast<uint32_t>(text.size());
+    std::ofstream end(image, std::ios::binary | std::ios::app);
+    end << text << "ADIMGSIG";
+    for (const uint32_t number : {length, uint32_t{1}}) {
+        for (int shift = 0; shift < 32; shift += 8) {
+            end.put(static_cast<char>(number >> shift & 0xff));
+        }
+    }
+}
+
 bool mounted(const char* source, const char* target, const char* type, unsigned long flags,
              const char* data) {
     if (mount(source, target, type, flags, data) != 0) {
@@ -71,13 +89,21 @@ bool set_stage(const std::string& scratch) {
     run({"truncate", "-s", "4G", ext4});
     run({"mkfs.ext4", "-q", "-F", "-E", "lazy_itable_init=0,lazy_journal_init=0", ext4});
     run({"mount", "-o", "loop", ext4, "/opt"});
-    fs::create_directories(layers + "/upper");
-    fs::create_directories(layers + "/work");
-    const std::string options =
-        "lowerdir=/usr/bin,upperdir=" + layers + "/upper,workdir=" + layers + "/work";
-    if (!mounted("overlay", "/usr/bin", "overlay", 0, options.c_str())) {
-        return false;
+    for (const std::string name : {"bin", "lib"}) {
+        const std::string target = "/usr/" + name;
+        const std::string upper = layers + "/upper-" + name;
+        const std::string work = layers + "/work-" + name;
+        fs::create_directories(upper);
+        fs::create_directories(work);
+        const std::string options =
+            "lowerdir=" + target + ",upperdir=" + upper + ",workdir=" + work;
+        if (!mounted("overlay", target.c_str(), "overlay", 0, options.c_str())) {
+            return false;
+        }
     }
+    fs::create_directories("/usr/lib/ad-mounter/keys");
+    run({"minisign", "-G", "-W", "-s", scratch + "/maker.key", "-p",
+         "/usr/lib/ad-mounter/keys/bench.pub"});
     for (const char* directory : {mount_point, "/opt/usr/lib", "/opt/down/zels/zelADAgent_img",
                                   rival, "/opt/zels", "/usr/bin/zels"}) {
         fs::create_directories(directory);
@@ -91,11 +117,13 @@ long store_image(const std::string& scratch, const ImageContents& contents) {
     fs::create_directories(tree / "adplayer/res");
     write_library(tree / "libad-agent-fwk.so", contents.library_megabytes);
     write_resources(tree / "adplayer/res", contents.files, contents.directories);
+    std::ofstream(tree / "zelADAgent.xml") << "<Zel><Version>1.0</Version></Zel>\n";
     const std::string image = scratch + "/image";
     fs::remove(image);
     run({"mksquashfs", tree, image, "-comp", "zstd", "-Xcompression-level", "3", "-all-root",
          "-quiet", "-no-progress"});
     fs::remove_all(tree);
+    sign(scratch, image);
     fs::copy_file(image, stored_image, fs::copy_options::overwrite_existing);
     run({"sync"});
     return static_cast<long>(fs::file_size(stored_image));

@@ -16,8 +16,8 @@ constexpr const char* rival = "/opt/rival";
 
 /**
  * Leaves the machine's mounts alone from here on: a fresh ext4 in a loop device
- * holds /opt and /usr/bin/zels. `scratch` is a directory for its file and for
- * what images are made from. False, with a line, where the rights are missing.
+ * holds /opt and /usr/bin/zels, and /usr/lib has a key. `scratch` is a directory for its file and
+ * for what images are made from. False, with a line, where the rights are missing.
  */
 bool set_stage(const std::string& scratch);
 
@@ -28,7 +28,7 @@ struct ImageContents {
     int directories;  ///< over which they are spread
 };
 
-/** Makes a zstd squashfs and stores it; returns its size in bytes. */
+/** Makes a zstd squashfs, signs and stores it; returns its size in bytes. */
 long store_image(const std::string& scratch, const ImageContents& contents);
 
 }  // namespace mounter_bench

@@ -124,7 +124,7 @@ TEST_P(Signature, WhatIsNotWholeAndTheMakersIsRefused) {
     change("the other algorithm", [](SignatureText& it) { it.signature.replace(0, 3, "RWR"); });
     for (const char* comment : {"", "1.5", "version:", "version:1.6", "version:1.50",
                                 "version:1.5 version:1.5", "version:1.5 version:1.6", "Version:1.5",
-                                "noversion:1.5", "version:1.5000000000000000000000"}) {
+                                "noversion:1.5", "version:1.5000000000000000000000", "version:1.5\x01"}) {
         cases.push_back(
             {comment, file_system_ + device().maker().sign(file_system_, comment).trailer()});
     }
