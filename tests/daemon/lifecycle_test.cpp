@@ -16,14 +16,6 @@ protected:
             N [CADLibs] Destory | N [CADLibs] begine to dlclose. | dlclose
             N Destory | N [CADLibs] Destory | N UnRegisterNetWorkStateChangeCB in
             connection_profile_unset_state_changed_cb profile 0 | connection_destroy connection)");
-        device.let("ended", R"(g_main_loop_unref | N reset signal handler to default
-            signal 15 default | signal 2 default | signal 1 default)");
-    }
-
-    static void reconnect() {
-        const auto& [callback, daemon] = device.profile_watch;
-        ASSERT_NE(callback, nullptr);
-        callback(CONNECTION_PROFILE_STATE_CONNECTED, daemon);
     }
 
     /** Deletes the controller, as main does. */
@@ -116,7 +108,9 @@ TEST_F(Lifecycle, AWholeDayIsWrittenLineByLine) {
         g_main_loop_run | N [CADAgentd] m_VConfLanguageChangeCB
         N [CADAgentd] Vconf key {language} changed, reset config server | config_requested
         N adagentd is stopped by signal, which is [15] | g_main_loop_quit
-        N Destory | {torn_down} | {ended})");
+        N Destory | {torn_down}
+        g_main_loop_unref | N reset signal handler to default
+        signal 15 default | signal 2 default | signal 1 default)");
     EXPECT_EQ(gpadagentd, nullptr);
     std::string places;
     for (const auto& [file, functions] : origins) {
@@ -135,21 +129,6 @@ TEST_F(Lifecycle, AWholeDayIsWrittenLineByLine) {
         "m_GetXmlValue m_IsValidNetwork m_ReplaceLibSo m_RequestData m_Update "
         "m_VConfLanguageChangeCB t_Initialize ~CADAgentd\n"
         "adagentd.cpp: adagentd_Start main sig_quit\n");
-}
-
-TEST_F(Lifecycle, TheGateIsTriedAgainWhenTheNetworkComesLate) {
-    device.connection_state = 1;
-    device.in_loop = [] {
-        reconnect();
-        device.connection_state = 2;
-        reconnect();
-    };
-    device.let("refused", "E Network is unstable or disconnected, Please check network");
-    device.let("retried", R"(N Network is reconnected, Try Start | usleep 9000
-        N [CADAgentd] Start | ...)");
-    EXPECT_RUN(__real_main(), 0, R"(... | {refused} | g_main_loop_run | {retried} | {refused}
-        {retried} | N Network is Working | ... | ad_agent_config_server /AppsAd/v2 | ...
-        N [CADAgentd] Start end | N Destory | {torn_down} | {ended})");
 }
 
 TEST_F(Lifecycle, ItEndsWithoutALoop) {

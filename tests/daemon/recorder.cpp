@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <new>
 #include <sstream>
@@ -15,6 +16,9 @@
 #include <glib.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+
+// The formats are the daemon's.
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
 
 void sig_quit(int signal_number);
 
@@ -32,13 +36,14 @@ namespace fs = std::filesystem;
 std::string lines;
 /** What the next question for the thread id gets; too big for an int, and new each time. */
 long next_thread_id = 0;
+long files_before = 0;
 
 /** The statement that has reached the platform log, and what standard output is to get. */
 bool output_pending = false;
 std::string expected_format;
 std::string expected_output;
 
-__attribute__((format(printf, 1, 0))) std::string formatted(const char* format, va_list arguments) {
+std::string formatted(const char* format, va_list arguments) {
     char* text = nullptr;
     if (vasprintf(&text, format, arguments) < 0) abort();
     const std::unique_ptr<char, void (*)(void*)> owner(text, free);
@@ -110,6 +115,11 @@ int next_answer(std::deque<int>& answers) {
     return answer;
 }
 
+/** How many files the process has open. */
+long open_files() {
+    return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+}
+
 }  // namespace
 
 std::string Device::host_path(const std::string& path) const { return root + expand(path); }
@@ -163,10 +173,12 @@ DaemonTest::DaemonTest() {
     lines.clear();
     origins.clear();
     next_thread_id = 5000000000;
+    files_before = open_files();
 }
 
 DaemonTest::~DaemonTest() {
     record("end");
+    EXPECT_EQ(open_files(), files_before) << "files that were left open";
     fs::remove_all(device.root);
 }
 

@@ -205,12 +205,17 @@ int Device::daemon_pid() const {
 }
 
 void Device::break_mounter(const std::string& option) const {
+    replace_mounter("[ \"$1\" != " + option + " ] || exit 71\n");
+}
+
+void Device::replace_mounter(const std::string& script) const {
     repair_mounter();
     fs::rename(usr_bin("/ad-mounter"), usr_bin("/ad-mounter.real"));
-    write_file(usr_bin("/ad-mounter"),
-               "#!/bin/sh\n[ \"$1\" != " + option + " ] || exit 71\nexec ad-mounter.real \"$@\"\n");
+    write_file(usr_bin("/ad-mounter"), "#!/bin/sh\n" + script + "exec ad-mounter.real \"$@\"\n");
     fs::permissions(usr_bin("/ad-mounter"), fs::perms(0755));
 }
+
+bool Device::running() const { return command({"status"}).find("on\n") < 20; }
 
 void Device::repair_mounter() const {
     if (exists(usr_bin("/ad-mounter.real"))) {

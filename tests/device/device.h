@@ -62,7 +62,10 @@ public:
 
     /** Puts a script in front of ad-mounter that fails the given option and passes on the rest. */
     void break_mounter(const std::string& option) const;
+    /** Puts a script of the shell in front of ad-mounter, which runs after it. */
+    void replace_mounter(const std::string& script) const;
     void repair_mounter() const;
+    bool running() const;
 
     /** The path of a file of the device, seen from outside. */
     std::string opt(const std::string& path) const { return home_ + "/opt" + path; }

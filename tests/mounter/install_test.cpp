@@ -387,13 +387,13 @@ TEST_F(Tree, WithoutExchangeAndOnAnOverlay) {
     }
     // The old tree in the lower layer: an overlay does not rename it.
     const std::string top = device().at("/usr/bin");
-    for (const char* directory : {"/work/upper", "/work/layer"}) {
+    for (const char* directory : {"/stage/upper", "/stage/layer"}) {
         device().make_directory(directory);
     }
-    device().write("/work/lower/zels/zelADAgent/adplayer/res/old/page", "the old page");
-    const std::string options = "lowerdir=" + device().at("/work/lower") +
-                                ",upperdir=" + device().at("/work/upper") +
-                                ",workdir=" + device().at("/work/layer");
+    device().write("/stage/lower/zels/zelADAgent/adplayer/res/old/page", "the old page");
+    const std::string options = "lowerdir=" + device().at("/stage/lower") +
+                                ",upperdir=" + device().at("/stage/upper") +
+                                ",workdir=" + device().at("/stage/layer");
     ASSERT_EQ(mount("overlay", top.c_str(), "overlay", 0, options.c_str()), 0);
     EXPECT_TRUE(device().exists(std::string(player_res) + "/old/page"));
     expect_copied();

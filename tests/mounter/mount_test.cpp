@@ -128,8 +128,8 @@ TEST_P(Mount, BrokenNewImageLeavesTheOldMounted) {
 
 TEST_P(Mount, UnmountTakesAllOfOursAndOnlyOurs) {
     const std::string point = device().at(mount_point);
-    const std::string elsewhere = device().at("/work/elsewhere");
-    device().make_directory("/work/elsewhere");
+    const std::string elsewhere = device().at("/stage/elsewhere");
+    device().make_directory("/stage/elsewhere");
     store("1.0");
     ASSERT_EQ(device().run(mount_words).status, 0);
     ASSERT_EQ(mount(point.c_str(), elsewhere.c_str(), nullptr, MS_MOVE, nullptr), 0);
@@ -168,14 +168,14 @@ TEST_P(Mount, IsTakenBackWhenTheMountPointChangedMeanwhile) {
     store("1.0");
     const Result result = trace(device(), mount_words, [&](const SystemCall& call) -> Decision {
         if (call.number == SYS_move_mount) {
-            fs::rename(device().at(mount_point), device().at("/work/away"));
+            fs::rename(device().at(mount_point), device().at("/stage/away"));
             device().make_directory(mount_point);
         }
         return {};
     });
     EXPECT_EQ(result.status, 75) << result.err;
     EXPECT_EQ(device().mounts().size(), 0U);
-    EXPECT_FALSE(device().exists("/work/away/zelADAgent.xml"));
+    EXPECT_FALSE(device().exists("/stage/away/zelADAgent.xml"));
     EXPECT_EQ(device().loop_devices(), Words());
 }
 
@@ -216,8 +216,8 @@ protected:
 
 TEST_F(MountRefusals, WhatIsNoSoundImageOfRoots) {
     const std::string path = device().at(stored_image);
-    device().put_image("/work/good", "1.0");
-    const std::string good = device().read("/work/good");
+    device().put_image("/stage/good", "1.0");
+    const std::string good = device().read("/stage/good");
     const auto content = [&](const std::string& bytes) {
         return [this, bytes] { device().write(stored_image, bytes); };
     };
@@ -231,7 +231,7 @@ TEST_F(MountRefusals, WhatIsNoSoundImageOfRoots) {
         {"a directory", [&] { device().make_directory(stored_image); }, 65},
         {"a pipe", [&] { mkfifo(path.c_str(), 0644); }, 65},
         {"a device", [&] { mknod(path.c_str(), S_IFBLK | 0600, makedev(7, 0)); }, 65},
-        {"a link", [&] { fs::create_symlink("/work/good", path); }, 77},
+        {"a link", [&] { fs::create_symlink("/stage/good", path); }, 77},
         {"empty", content(""), 65},
         {"text", content(std::string(8192, 'x')), 65},
         {"cut short", content(good.substr(0, good.size() / 2)), 65},
@@ -267,9 +267,9 @@ TEST_F(MountRefusals, WhatIsNoSoundImageOfRoots) {
 
 TEST_F(MountRefusals, ForeignMountStays) {
     device().put_image(stored_image, "1.0");
-    device().put_image("/work/other.img", "2.0");
+    device().put_image("/stage/other.img", "2.0");
     const std::string point = device().at(mount_point);
-    const std::string other = "mount -o loop,ro " + device().at("/work/other.img") + ' ' + point;
+    const std::string other = "mount -o loop,ro " + device().at("/stage/other.img") + ' ' + point;
     const std::string in_memory = "mount -t tmpfs other " + point;
     for (const std::string& line : {other, in_memory}) {
         shell(line);

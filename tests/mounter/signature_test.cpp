@@ -29,8 +29,8 @@ protected:
         DeviceTest::SetUp();
         if (!IsSkipped()) {
             device().make_layout();
-            device().put_image("/work/good", "1.5", type());
-            good_ = device().read("/work/good");
+            device().put_image("/stage/good", "1.5", type());
+            good_ = device().read("/stage/good");
             file_system_ = without_trailer(good_);
         }
     }
@@ -237,8 +237,8 @@ TEST_P(Signature, UnsafeKeysAreNoKeys) {
 // A signature over it does not make it an image that could be installed.
 TEST_P(Signature, ManifestMustBeThereAndMatch) {
     const auto changed = [&](const std::function<void(const std::string&)>& change) {
-        device().put_image("/work/changed", "1.5", type(), change);
-        return device().read("/work/changed");
+        device().put_image("/stage/changed", "1.5", type(), change);
+        return device().read("/stage/changed");
     };
     expect_refused(resigned(file_system_, "1.6"), "another version");
     expect_refused(changed([](const std::string& tree) { fs::remove(tree + "/zelADAgent.xml"); }),

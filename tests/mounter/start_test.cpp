@@ -213,15 +213,15 @@ TEST_F(Start, SmallFileLimitAndClosedPipeAreReportedNotFatal) {
 }
 
 TEST_F(Start, HostileEnvironmentIsIgnored) {
-    device().write("/work/evil.so", "not a library");
+    device().write("/stage/evil.so", "not a library");
     RunOptions options;
 #ifdef __SANITIZE_ADDRESS__
     options.environment = {"PATH=/home", "IFS=/"};
 #else
     // A dynamic loader would complain about these.
-    options.environment = {"LD_PRELOAD=/work/evil.so",
-                           "LD_LIBRARY_PATH=/work",
-                           "LD_AUDIT=/work/evil.so",
+    options.environment = {"LD_PRELOAD=/stage/evil.so",
+                           "LD_LIBRARY_PATH=/stage",
+                           "LD_AUDIT=/stage/evil.so",
                            "PATH=/home",
                            "IFS=/",
                            "MALLOC_CHECK_=3"};
@@ -234,7 +234,7 @@ TEST_F(Start, HostileEnvironmentIsIgnored) {
 TEST(StartOfProcess, ClearsTheEnvironment) {
     const pid_t pid = fork();
     if (pid == 0) {
-        setenv("LD_PRELOAD", "/work/evil.so", 1);
+        setenv("LD_PRELOAD", "/stage/evil.so", 1);
         const bool prepared = ad_mounter::prepare_process().ok();
         _exit(prepared && getenv("LD_PRELOAD") == nullptr && getenv("PATH") == nullptr ? 0 : 1);
     }

@@ -127,7 +127,7 @@ std::string Device::missing_rights() {
 
 Device::Device() : root_(place_for_root) {
     check(mount("device", root_.c_str(), "tmpfs", 0, "mode=0755") == 0, root_);
-    for (const char* directory : {"/opt", "/run", "/tool", "/usr/bin", "/work", "/home"}) {
+    for (const char* directory : {"/opt", "/run", "/tool", "/usr/bin", "/stage", "/home"}) {
         fs::create_directories(at(directory));
     }
     bind_mount("/proc", at("/proc"));
@@ -210,17 +210,17 @@ void Device::put_tree(const std::string& inside, const std::string& version) con
 void Device::put_image(const std::string& inside, const std::string& version,
                        const std::string& type,
                        const std::function<void(const std::string&)>& change) const {
-    const std::string made = "/work/" + version + '.' + type;
+    const std::string made = "/stage/" + version + '.' + type;
     if (change || !exists(made)) {
-        remove("/work/tree");
+        remove("/stage/tree");
         remove(made);
-        put_tree("/work/tree", version);
+        put_tree("/stage/tree", version);
         if (change) {
-            change(at("/work/tree"));
+            change(at("/stage/tree"));
         }
         shell(type == "squashfs"
-                  ? "mksquashfs " + at("/work/tree") + ' ' + at(made) + " -quiet -no-progress"
-                  : "mkfs.erofs " + at(made) + ' ' + at("/work/tree"));
+                  ? "mksquashfs " + at("/stage/tree") + ' ' + at(made) + " -quiet -no-progress"
+                  : "mkfs.erofs " + at(made) + ' ' + at("/stage/tree"));
         write(made, maker_.signed_image(read(made), version));
     }
     fs::create_directories(fs::path(at(inside)).parent_path());

@@ -137,7 +137,7 @@ std::string missing_for_tracing() {
 }
 
 Result trace(const Device& device, const Words& words, const Decide& decide, RunOptions options) {
-    const std::string log = device.at("/work/trace.err");
+    const std::string log = device.at("/stage/trace.err");
     const int err = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     const pid_t pid = fork();
     if (pid == 0) {
@@ -154,7 +154,7 @@ Result trace(const Device& device, const Words& words, const Decide& decide, Run
     close(err);
     Result result = {};
     result.status = Tracing(pid, decide).run();
-    result.err = device.read("/work/trace.err");
+    result.err = device.read("/stage/trace.err");
     return result;
 }
 
