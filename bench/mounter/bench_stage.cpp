@@ -4,13 +4,16 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <stdexcept>
 #include <vector>
 
 #include <sched.h>
 #include <sys/mount.h>
+#include <unistd.h>
 
 namespace mounter_bench {
 
@@ -45,11 +48,12 @@ void write_resources(const fs::path& top, int files, int directories) {
     }
 }
 
+const std::string secret_key = std::string(scratch) + "/maker.key";
+
 // As the tool takes it: the signature and its trailer behind the image.
-void sign(const std::string& scratch, const std::string& image) {
-    const std::string signature = scratch + "/signature";
-    run({"minisign", "-S", "-s", scratch + "/maker.key", "-t", "version:1.0", "-m", image, "-x",
-         signature});
+void sign(const std::string& image) {
+    const std::string signature = image + ".signature";
+    run({"minisign", "-S", "-s", secret_key, "-t", "version:1.0", "-m", image, "-x", signature});
     std::ifstream file(signature, std::ios::binary);
     const std::string text(std::istreambuf_iterator<char>(file), {});
     const auto length = static_cast<uint32_t>(text.size());
@@ -71,24 +75,38 @@ bool mounted(const char* source, const char* target, const char* type, unsigned 
     return true;
 }
 
+// A fresh ext4 over /opt; its file has no name any more once it is mounted.
+void mount_target() {
+    char file[] = "/var/tmp/mounter-bench-XXXXXX";
+    const int fd = mkstemp(file);
+    if (fd < 0 || ftruncate(fd, 4LL << 30) != 0) {
+        throw std::runtime_error("cannot make a file in /var/tmp");
+    }
+    close(fd);
+    try {
+        run({"mkfs.ext4", "-q", "-F", "-E", "lazy_itable_init=0,lazy_journal_init=0", file});
+        run({"mount", "-o", "loop", file, "/opt"});
+    } catch (...) {
+        unlink(file);
+        throw;
+    }
+    unlink(file);
+}
+
 }  // namespace
 
-bool set_stage(const std::string& scratch) {
+bool set_stage() {
     if (unshare(CLONE_NEWNS) != 0) {
         perror("mounter-bench: a mount namespace of its own");
         return false;
     }
-    const std::string layers = scratch + "/layers";
-    fs::create_directories(layers);
+    const std::string layers = "/mnt";
     if (!mounted(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) ||
         !mounted("tmpfs", "/run", "tmpfs", 0, "mode=0755") ||
         !mounted("tmpfs", layers.c_str(), "tmpfs", 0, nullptr)) {
         return false;
     }
-    const std::string ext4 = scratch + "/target.ext4";
-    run({"truncate", "-s", "4G", ext4});
-    run({"mkfs.ext4", "-q", "-F", "-E", "lazy_itable_init=0,lazy_journal_init=0", ext4});
-    run({"mount", "-o", "loop", ext4, "/opt"});
+    mount_target();
     for (const std::string name : {"bin", "lib"}) {
         const std::string target = "/usr/" + name;
         const std::string upper = layers + "/upper-" + name;
@@ -101,29 +119,28 @@ bool set_stage(const std::string& scratch) {
             return false;
         }
     }
-    fs::create_directories("/usr/lib/ad-mounter/keys");
-    run({"minisign", "-G", "-W", "-s", scratch + "/maker.key", "-p",
-         "/usr/lib/ad-mounter/keys/bench.pub"});
-    for (const char* directory : {mount_point, "/opt/usr/lib", "/opt/down/zels/zelADAgent_img",
-                                  rival, "/opt/zels", "/usr/bin/zels"}) {
+    for (const char* directory :
+         {mount_point, "/opt/usr/lib", "/opt/down/zels/zelADAgent_img", rival, scratch, "/opt/zels",
+          "/usr/bin/zels", "/usr/lib/ad-mounter/keys"}) {
         fs::create_directories(directory);
     }
+    run({"minisign", "-G", "-W", "-s", secret_key, "-p", "/usr/lib/ad-mounter/keys/bench.pub"});
     return mounted("/opt/zels", "/usr/bin/zels", nullptr, MS_BIND, nullptr);
 }
 
-long store_image(const std::string& scratch, const ImageContents& contents) {
-    const fs::path tree = scratch + "/tree";
+long store_image(const ImageContents& contents) {
+    const fs::path tree = std::string(scratch) + "/tree";
     fs::remove_all(tree);
     fs::create_directories(tree / "adplayer/res");
     write_library(tree / "libad-agent-fwk.so", contents.library_megabytes);
     write_resources(tree / "adplayer/res", contents.files, contents.directories);
     std::ofstream(tree / "zelADAgent.xml") << "<Zel><Version>1.0</Version></Zel>\n";
-    const std::string image = scratch + "/image";
+    const std::string image = std::string(scratch) + "/image";
     fs::remove(image);
     run({"mksquashfs", tree, image, "-comp", "zstd", "-Xcompression-level", "3", "-all-root",
          "-quiet", "-no-progress"});
     fs::remove_all(tree);
-    sign(scratch, image);
+    sign(image);
     fs::copy_file(image, stored_image, fs::copy_options::overwrite_existing);
     run({"sync"});
     return static_cast<long>(fs::file_size(stored_image));

@@ -2,7 +2,7 @@
 #ifndef MOUNTER_BENCH_STAGE_H
 #define MOUNTER_BENCH_STAGE_H
 
-#include <string>
+#include <cstddef>
 
 namespace mounter_bench {
 
@@ -14,12 +14,15 @@ constexpr const char* player_res = "/usr/bin/zels/zelADAgent/adplayer/res";
 /** Where the commands that are compared with write, on the same file system. */
 constexpr const char* rival = "/opt/rival";
 
+/** Where images are made. */
+constexpr const char* scratch = "/opt/scratch";
+
 /**
  * Leaves the machine's mounts alone from here on: a fresh ext4 in a loop device
- * holds /opt and /usr/bin/zels, and /usr/lib has a key. `scratch` is a directory for its file and
- * for what images are made from. False, with a line, where the rights are missing.
+ * holds /opt and /usr/bin/zels, and /usr/lib has a key. False, with a line, where
+ * the rights are missing.
  */
-bool set_stage(const std::string& scratch);
+bool set_stage();
 
 /** What goes into an image. */
 struct ImageContents {
@@ -29,7 +32,7 @@ struct ImageContents {
 };
 
 /** Makes a zstd squashfs, signs and stores it; returns its size in bytes. */
-long store_image(const std::string& scratch, const ImageContents& contents);
+long store_image(const ImageContents& contents);
 
 }  // namespace mounter_bench
 

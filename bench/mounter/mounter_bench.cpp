@@ -5,15 +5,11 @@
 #include "commands.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
-
-#include <sys/mount.h>
-#include <unistd.h>
 
 namespace mounter_bench {
 
@@ -219,11 +215,11 @@ bool print_copy_rows() {
     return print_row(removal) && first && second;
 }
 
-bool print_memory(const std::string& scratch) {
+bool print_memory() {
     printf("\nPeak memory in kB (at most 4096)\n");
     bool met = true;
     for (const size_t megabytes : {16, 256, 1024}) {
-        store_image(scratch, {megabytes, 400, 20});
+        store_image({megabytes, 400, 20});
         run(mount_command);
         const long library = peak_memory(library_command);
         const long tree = peak_memory(tree_command);
@@ -247,10 +243,10 @@ bool print_memory(const std::string& scratch) {
     return met;
 }
 
-void print_curve(const std::string& scratch) {
+void print_curve() {
     printf("\nTrees of 4 kB files: ms for the copy, microseconds for each file, peak kB\n");
     for (const int files : {1000, 5000, 20000}) {
-        store_image(scratch, {1, files, files / 25});
+        store_image({1, files, files / 25});
         with_image_mounted([files] {
             std::vector<double> copies;
             std::vector<double> removals;
@@ -269,8 +265,8 @@ void print_curve(const std::string& scratch) {
     }
 }
 
-int measure(const std::string& scratch) {
-    if (!set_stage(scratch)) {
+int measure() {
+    if (!set_stage()) {
         return 1;
     }
     printf("%-38s %10s %10s %8s %8s\n", "work (milliseconds)", "ours", "theirs", "ratio",
@@ -280,16 +276,14 @@ int measure(const std::string& scratch) {
                               run({tool, "--help"});
                           },
                           nothing, [] { run({EMPTY_PROGRAM}); }});
-    store_image(scratch, {1, 20, 1});
+    store_image({1, 20, 1});
     met = print_mount_rows() && met;
-    const long size = store_image(scratch, {100, 5000, 200});
+    const long size = store_image({100, 5000, 200});
     met = print_verification_rows() && met;
     with_image_mounted([&met] { met = print_copy_rows() && met; });
     printf("(the image: %.1f MB of zstd squashfs)\n", static_cast<double>(size) / 1e6);
-    met = print_memory(scratch) && met;
-    print_curve(scratch);
-    umount2("/usr/bin/zels", MNT_DETACH);
-    umount2("/opt", MNT_DETACH);
+    met = print_memory() && met;
+    print_curve();
     return met ? 0 : 2;
 }
 
@@ -298,19 +292,10 @@ int measure(const std::string& scratch) {
 }  // namespace mounter_bench
 
 int main() {
-    char scratch[] = "/var/tmp/mounter-bench-XXXXXX";
-    if (mkdtemp(scratch) == nullptr) {
-        perror("mounter-bench: a scratch directory");
-        return 1;
-    }
-    int status = 1;
     try {
-        status = mounter_bench::measure(scratch);
+        return mounter_bench::measure();
     } catch (const std::exception& error) {
         fprintf(stderr, "mounter-bench: %s\n", error.what());
+        return 1;
     }
-    umount2((std::string(scratch) + "/layers").c_str(), MNT_DETACH);
-    std::error_code ignored;
-    std::filesystem::remove_all(scratch, ignored);
-    return status;
 }
