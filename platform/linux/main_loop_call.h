@@ -1,0 +1,31 @@
+#ifndef LINUX_PLATFORM_MAIN_LOOP_CALL_H
+#define LINUX_PLATFORM_MAIN_LOOP_CALL_H
+
+#include <atomic>
+
+namespace linux_platform {
+
+/**
+ * A function that other threads have called on the thread of GLib's default
+ * main context. Lives as long as the process.
+ */
+class MainLoopCall {
+public:
+    explicit MainLoopCall(void (*function)()) : m_function(function) {}
+
+    /**
+     * Has the function called once the main loop gets to it. Requests that come
+     * before it does are answered by that one call. From any thread.
+     */
+    void request();
+
+private:
+    static int dispatch(void* self);
+
+    void (*m_function)();
+    std::atomic<bool> m_pending{false};
+};
+
+}  // namespace linux_platform
+
+#endif
