@@ -32,8 +32,10 @@ if(ADAGENTD_SANITIZE)
                       -fno-sanitize-recover=all)
   add_link_options(-fsanitize=address,undefined)
 else()
-  set(CMAKE_C_FLAGS_RELEASE "-O2 -DNDEBUG")
-  set(CMAKE_CXX_FLAGS_RELEASE "-O2 -DNDEBUG")
+  # For size: the daemon and its libraries wait most of their lives, and their
+  # pages are what they cost a small device meanwhile.
+  set(CMAKE_C_FLAGS_RELEASE "-Os -DNDEBUG")
+  set(CMAKE_CXX_FLAGS_RELEASE "-Os -DNDEBUG")
   add_compile_options(-U_FORTIFY_SOURCE "$<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>"
                       -fstack-protector-strong -ffunction-sections -fdata-sections)
   add_link_options(-Wl,--as-needed -Wl,--gc-sections -Wl,-z,relro)

@@ -1,0 +1,3 @@
+#include "ad_player.h"
+
+const char* ad_player_version(void) { return AD_PLAYER_VERSION; }

@@ -1,0 +1,87 @@
+#include "ad_agent.h"
+
+#include "agent.h"
+#include "log.h"
+#include "version.h"
+
+#include <exception>
+#include <string>
+
+#include <dlfcn.h>
+#include <glib.h>
+
+namespace {
+
+using ad_agent::Agent;
+using ad_agent::log_line;
+
+static_assert(AD_AGENT_VERSION_BUFFER_SIZE == ad_agent::MAX_VERSION_LENGTH + 1);
+
+/** The library on this device. */
+Agent device_agent() { return Agent("/opt/etc/ad-agent.conf", "/opt/usr/apps/adagent"); }
+
+/** Runs an entry's work; memory that runs out must not end the host. */
+template <typename Work>
+int guarded(const char* entry, int failed, Work work) {
+    try {
+        return work();
+    } catch (const std::exception& problem) {
+        log_line(std::string(entry) + ": " + problem.what());
+        return failed;
+    }
+}
+
+int not_supported(const char* entry) {
+    log_line(std::string(entry) + ": not supported");
+    return AD_AGENT_NOT_SUPPORTED;
+}
+
+}  // namespace
+
+int ad_agent_init() {
+    Dl_info info = {};
+    const bool found = dladdr(reinterpret_cast<void*>(&ad_agent_init), &info) != 0;
+    const char* file = found && info.dli_fname ? info.dli_fname : "an unknown file";
+    log_line(std::string("loaded from ") + file);
+    return AD_AGENT_OK;
+}
+
+int ad_agent_clear() { return AD_AGENT_OK; }
+
+int ad_agent_config_server(const char* url_path) {
+    return guarded(__func__, AD_AGENT_FAILED, [&] {
+        const bool kept = device_agent().fetch_configuration(url_path ? url_path : "");
+        return kept ? AD_AGENT_OK : AD_AGENT_FAILED;
+    });
+}
+
+int ad_agent_update(const char* installed_version) {
+    return guarded(__func__, AD_AGENT_NO_UPDATE, [&] {
+        const bool downloaded =
+            device_agent().update(installed_version ? installed_version : ad_agent::NO_VERSION);
+        return downloaded ? AD_AGENT_UPDATE_DOWNLOADED : AD_AGENT_NO_UPDATE;
+    });
+}
+
+int ad_agent_set_soversion(const char* version) {
+    return guarded(__func__, AD_AGENT_FAILED, [&] {
+        const bool recorded = device_agent().set_version(version ? version : ad_agent::NO_VERSION);
+        return recorded ? AD_AGENT_OK : AD_AGENT_FAILED;
+    });
+}
+
+int ad_agent_get_soversion(char* version) {
+    if (!version) return AD_AGENT_FAILED;
+    return guarded(__func__, AD_AGENT_FAILED, [&] {
+        g_strlcpy(version, device_agent().version().c_str(), AD_AGENT_VERSION_BUFFER_SIZE);
+        return AD_AGENT_OK;
+    });
+}
+
+int ad_agent_register() { return not_supported(__func__); }
+int ad_agent_unregister() { return not_supported(__func__); }
+int ad_agent_request() { return not_supported(__func__); }
+int ad_agent_request_sync() { return not_supported(__func__); }
+int ad_agent_report() { return not_supported(__func__); }
+int ad_agent_launch() { return not_supported(__func__); }
+int ad_agent_psid_get() { return not_supported(__func__); }

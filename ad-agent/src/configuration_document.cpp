@@ -1,0 +1,56 @@
+#include "configuration_document.h"
+
+#include "fetch.h"
+
+#include <algorithm>
+
+#include <glib.h>
+
+namespace ad_agent {
+namespace {
+
+constexpr std::uint64_t MAX_DOCUMENT_SIZE = 1024ULL * 1024;
+
+/**
+ * Tells a configuration document from what a half-configured server or a login
+ * page in between gives for it: it is UTF-8 text and a JSON object from its first
+ * to its last character. What is inside is for its reader to judge.
+ */
+bool is_json_object(const std::string& text) {
+    constexpr char BLANKS[] = " \t\r\n";
+    const std::size_t first = text.find_first_not_of(BLANKS);
+    const std::size_t last = text.find_last_not_of(BLANKS);
+    return first != std::string::npos && first != last && text[first] == '{' && text[last] == '}' &&
+           g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr);
+}
+
+}  // namespace
+
+std::string document_name(const std::string& url_path) {
+    if (url_path.size() < 2 || url_path.front() != '/' || url_path.back() == '/') return "";
+    std::string name = url_path.substr(1);
+    const auto is_plain = [](char c) { return g_ascii_isalnum(c) || c == '_' || c == '/'; };
+    if (!std::all_of(name.begin(), name.end(), is_plain)) return "";
+    std::replace(name.begin(), name.end(), '/', '-');
+    return name + ".json";
+}
+
+bool keep_configuration_document(const Settings& settings, const DataFolder& folder,
+                                 const std::string& url_path, std::string& message) {
+    const std::string name = document_name(url_path);
+    if (name.empty()) {
+        message = "it is not a URL path of letters and digits";
+        return false;
+    }
+    const auto text = fetch_text(settings, url_path, MAX_DOCUMENT_SIZE, message);
+    if (!text) return false;
+    if (!is_json_object(*text)) {
+        message = settings.server_url + url_path + ": the answer is not a JSON object";
+        return false;
+    }
+    if (!folder.write(name, *text, message)) return false;
+    message = "kept as " + folder.path_of(name) + ", " + std::to_string(text->size()) + " bytes";
+    return true;
+}
+
+}  // namespace ad_agent

@@ -1,0 +1,75 @@
+#include "platform.h"
+
+#include "paths.h"
+#include "platform_log.h"
+#include "system_information.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace simulated_platform {
+
+namespace {
+
+__attribute__((format(printf, 2, 3))) void log_error(LogFile& log, const char* format, ...) {
+    std::va_list arguments;
+    va_start(arguments, format);
+    log.print(PLATFORM_LOG_ERROR, "PLATFORM", format, arguments);
+    va_end(arguments);
+}
+
+}  // namespace
+
+Platform::Platform(const std::string& path, LogFile& log)
+    : log_(log),
+      store_(
+          path, [this](const std::vector<Change>& changes) { loaded(changes); },
+          [this](const std::string& line) { report(line); }),
+      settings_(store_.state()),
+      network_(store_.state()) {
+    log_.force_result(store_.state().result(Call::dlog_print));
+}
+
+int Platform::get_value_string(int key, char** value) const {
+    const State& state = store_.state();
+    if (const int result = state.result(Call::system_info_get_value_string)) return result;
+    if (!value || key != SYSTEM_INFO_KEY_FIRMWARE_VERSION) return -EINVAL;
+    if (!state.firmware) return -ENOENT;
+    char* copy = strdup(state.firmware->c_str());
+    if (!copy) return -ENOMEM;
+    *value = copy;
+    return 0;
+}
+
+void Platform::loaded(const std::vector<Change>& changes) {
+    log_.force_result(store_.state().result(Call::dlog_print));
+    for (const Change& change : changes) changed(change);
+}
+
+void Platform::changed(const Change& change) {
+    switch (change.kind) {
+        case Change::Kind::setting:
+            settings_.changed(change);
+            break;
+        case Change::Kind::connection_type:
+            network_.type_changed(change);
+            break;
+        case Change::Kind::profile_state:
+            network_.profile_changed(change);
+            break;
+    }
+}
+
+void Platform::report(const std::string& line) {
+    std::fprintf(stderr, "simulated platform: %s\n", line.c_str());
+    log_error(log_, "%s", line.c_str());
+}
+
+Platform& process_platform() {
+    static Platform platform(state_path, process_log());
+    return platform;
+}
+
+}  // namespace simulated_platform

@@ -1,0 +1,47 @@
+/**
+ * All services on one state file.
+ */
+#pragma once
+
+#include "log_file.h"
+#include "network.h"
+#include "settings.h"
+#include "state_store.h"
+
+#include <string>
+#include <vector>
+
+namespace simulated_platform {
+
+/** For one thread, the one that runs GLib's default main context. */
+class Platform {
+public:
+    /**
+     * @param path  the state file, absolute
+     * @param log   takes what is wrong with it, as standard error does; borrowed
+     */
+    Platform(const std::string& path, LogFile& log);
+    Platform(const Platform&) = delete;
+    Platform& operator=(const Platform&) = delete;
+
+    Settings& settings() { return settings_; }
+    Network& network() { return network_; }
+
+    /** As in system_information.h; failures are negative errno(3) values. */
+    int get_value_string(int key, char** value) const;
+
+private:
+    void loaded(const std::vector<Change>& changes);
+    void changed(const Change& change);
+    void report(const std::string& line);
+
+    LogFile& log_;
+    StateStore store_;
+    Settings settings_;
+    Network network_;
+};
+
+/** The process's platform, which reads its state at the first call. */
+Platform& process_platform();
+
+}  // namespace simulated_platform

@@ -1,0 +1,102 @@
+/**
+ * A device under test: the real daemon, tool, agent library and platform in
+ * namespaces of their own, driven through device/ad-device as a person would.
+ */
+#ifndef TESTS_DEVICE_DEVICE_H
+#define TESTS_DEVICE_DEVICE_H
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace device_tests {
+
+struct CommandResult {
+    int status = -1;
+    /** Standard output and standard error together. */
+    std::string output;
+};
+
+/** Runs a program to its end, without a shell. */
+CommandResult run(const std::vector<std::string>& arguments);
+
+/** A program in the background that is killed with its object. */
+class Background {
+public:
+    explicit Background(const std::vector<std::string>& arguments, const std::string& output_file);
+    ~Background();
+    Background(const Background&) = delete;
+    Background& operator=(const Background&) = delete;
+
+private:
+    int pid_;
+};
+
+class Device {
+public:
+    /** Makes a fresh device, named after the running test, with its waits cut short. */
+    Device();
+    ~Device();
+    Device(const Device&) = delete;
+    Device& operator=(const Device&) = delete;
+
+    /** Runs an ad-device command; fails the test unless it succeeds. */
+    std::string command(const std::vector<std::string>& arguments) const;
+
+    void start(const std::vector<std::string>& options = {}) const;
+    /** SIGTERM and the end; gives the daemon's exit status. */
+    int stop() const;
+    void set(const std::string& what, const std::string& value) const;
+    /** Network up and consent given. */
+    void open_gate() const;
+    void publish(const std::string& version) const;
+    /** Publishes an image of the given folder, or a file, as it is: what the packer would refuse.
+     */
+    void publish_tree(const std::string& version, const std::string& folder) const;
+    void publish_file(const std::string& version, const std::string& image) const;
+    /** Boots with the gate open and runs until the update's end, then stops. */
+    void run_update() const;
+
+    /** The daemon as this machine numbers it. */
+    int daemon_pid() const;
+
+    /** Puts a script in front of ad-mounter that fails the given option and passes on the rest. */
+    void break_mounter(const std::string& option) const;
+    void repair_mounter() const;
+
+    /** The path of a file of the device, seen from outside. */
+    std::string opt(const std::string& path) const { return home_ + "/opt" + path; }
+    std::string usr_bin(const std::string& path) const { return home_ + "/usr-bin/upper" + path; }
+    std::string home(const std::string& path) const { return home_ + path; }
+
+    std::string log() const;
+    /** Waits for a text in the daemon's log of this boot. */
+    bool await(const std::string& text) const;
+    bool logged(const std::string& text) const;
+    /** How often a text stands in the log. */
+    int count(const std::string& text) const;
+    /** How often the device's server answered a request for a path. */
+    int requests(const std::string& path) const;
+    /** Waits for that number of requests. */
+    bool await_requests(const std::string& path, int wanted) const;
+
+    /** The version in the cache manifest, or "". */
+    std::string recorded_version() const;
+    /** True when the updatable copy is the published library, byte for byte. */
+    bool updatable_copy_is_published() const;
+    /** What a device must not leave: mounts of the image, loop devices, files aside. */
+    std::string leftovers() const;
+
+private:
+    std::string home_;
+};
+
+/** Waits until a condition holds, with more patience than any test needs. */
+bool poll(const std::function<bool()>& condition);
+std::string read_file(const std::string& path);
+void write_file(const std::string& path, const std::string& text);
+bool exists(const std::string& path);
+
+}  // namespace device_tests
+
+#endif

@@ -1,0 +1,162 @@
+// The daemon when what it works with fails: it says so, goes on, and the next
+// boot finds a device that can be updated.
+#include "device.h"
+
+#include <filesystem>
+
+#include <gtest/gtest.h>
+
+namespace device_tests {
+namespace {
+
+namespace fs = std::filesystem;
+
+struct MounterCase {
+    const char* option;
+    const char* said;
+    bool installed;
+};
+
+class FailingMounter : public testing::TestWithParam<MounterCase> {};
+
+TEST_P(FailingMounter, IsReportedAndTheNextBootCompletes) {
+    const Device device;
+    device.publish("1.05");
+    device.break_mounter(GetParam().option);
+    device.run_update();
+    EXPECT_TRUE(device.logged(GetParam().said));
+    EXPECT_EQ(device.recorded_version(), GetParam().installed ? "1.05" : "");
+
+    device.repair_mounter();
+    device.publish("1.06");
+    device.run_update();
+    EXPECT_EQ(device.recorded_version(), "1.06");
+    EXPECT_TRUE(device.updatable_copy_is_published());
+    EXPECT_EQ(device.leftovers(), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    EachCommand, FailingMounter,
+    testing::Values(
+        MounterCase{"--create", "ad_mounter_create, system_cmd ad-mounter --create", false},
+        MounterCase{"--mount", "[ad_mount] Mount failed !!", false},
+        MounterCase{"--umount", "Umount /opt/usr/apps/zelADAgent failed.", true},
+        MounterCase{"--replaceimg",
+                    "[CADAgentd] Replace /opt/usr/apps/adagent/zelADAgent.img to "
+                    "/opt/down/zels/zelADAgent_img/zelADAgent.img failed.",
+                    false},
+        MounterCase{"--copylib", "ad_copy failed in ad_copy_lib_fwk", false},
+        MounterCase{"--copy_all", "ad_copy failed in ad_copy_player_res", false},
+        MounterCase{"--remove", "[ad_copy_path] remove path [ad-mounter --remove", false}));
+
+class FailingContent : public testing::Test {
+protected:
+    /** A tree like an image's, for images that the packer would not make. */
+    std::string tree() const {
+        const std::string folder = device.home("/run/tree");
+        const std::string libraries = std::string(BUILD_FOLDER) + "/lib/";
+        fs::create_directories(folder + "/adplayer/res");
+        for (const char* name : {"libad-agent-fwk.so", "libad-player-fwk.so"}) {
+            fs::copy(libraries + name, folder + "/" + name);
+        }
+        write_file(folder + "/adplayer/res/one.txt", "one");
+        write_file(folder + "/zelADAgent.xml", "<Zel><Version>1.05</Version></Zel>");
+        return folder;
+    }
+
+    void install(const std::string& folder) const {
+        device.publish_tree("1.05", folder);
+        device.run_update();
+    }
+
+    const Device device;
+};
+
+TEST_F(FailingContent, AnImageWithoutAManifestIsStillInstalled) {
+    const std::string folder = tree();
+    fs::remove(folder + "/zelADAgent.xml");
+    install(folder);
+    EXPECT_TRUE(device.logged("strImgVersion = 0.00."));
+    EXPECT_TRUE(device.updatable_copy_is_published());
+    EXPECT_EQ(device.leftovers(), "");
+}
+
+TEST_F(FailingContent, AnImageWithoutAPlayerLibraryStopsThere) {
+    const std::string folder = tree();
+    fs::remove(folder + "/libad-player-fwk.so");
+    install(folder);
+    EXPECT_TRUE(device.logged("ad_copy failed in ad_copy_lib_player"));
+    EXPECT_TRUE(device.updatable_copy_is_published());
+    EXPECT_EQ(device.recorded_version(), "");
+    EXPECT_EQ(device.leftovers(), "");
+}
+
+TEST_F(FailingContent, AnUnreadableImageIsNotMounted) {
+    const std::string image = device.home("/run/garbage.img");
+    write_file(image, std::string(100000, 'x'));
+    device.publish_file("1.05", image);
+    device.run_update();
+    EXPECT_TRUE(device.logged("[ad_mount] Mount failed !!"));
+    EXPECT_FALSE(exists(device.opt("/usr/lib/libad-agent-fwk.so")));
+    EXPECT_EQ(device.leftovers(), "");
+}
+
+TEST_F(FailingContent, ADownServerLeavesTheDaemonRunning) {
+    device.open_gate();
+    device.start({"--url", "http://127.0.0.1:9"});
+    ASSERT_TRUE(device.await("[CADAgentd] Start end"));
+    EXPECT_TRUE(device.logged("ad-agent: "));
+    EXPECT_EQ(device.stop(), 0);
+}
+
+class FailingServer : public testing::TestWithParam<const char*> {};
+
+TEST_P(FailingServer, LeavesTheDaemonRunningAndTheNextBootCompletes) {
+    const Device device;
+    device.publish("1.05");
+    write_file(device.opt("/etc/ad-agent.conf"),
+               "[server]\nurl=\n[timeouts]\nconnect=1\nstall=1\ndocument=2\nimage=3\n");
+    const std::string faults = device.home("/run/faults");
+    write_file(faults, GetParam());
+    const std::string port_file = device.home("/run/port");
+    const Background server({"python3", "-u", CONTENT_SERVER, device.home("/www"), "--log",
+                             device.home("/run/asked"), "--faults", faults},
+                            port_file);
+    ASSERT_TRUE(poll([&] { return std::atoi(read_file(port_file).c_str()) > 0; }));
+    const std::string url =
+        "http://127.0.0.1:" + std::to_string(std::atoi(read_file(port_file).c_str()));
+
+    device.open_gate();
+    device.start({"--url", url});
+    ASSERT_TRUE(device.await("[CADAgentd] Start end"));
+    EXPECT_FALSE(device.logged("replace img file"));
+    EXPECT_EQ(device.stop(), 0);
+
+    write_file(faults, "");
+    device.start({"--url", url});
+    ASSERT_TRUE(device.await("[CADAgentd] Start end"));
+    EXPECT_EQ(device.recorded_version(), "1.05");
+    EXPECT_EQ(device.stop(), 0);
+    EXPECT_EQ(device.leftovers(), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(Faults, FailingServer,
+                         testing::Values("/images/* stall 1000\n", "/images/* cut 1000\n",
+                                         "* stall 1\n", "* garbage\n", "* status 500\n",
+                                         "* redirect\n", "/images/* endless\n"));
+
+TEST_F(FailingContent, ADownloadThatIsNotWhatWasPublishedIsRefused) {
+    device.publish("1.05");
+    for (const auto& entry : fs::directory_iterator(device.home("/www/images"))) {
+        std::string bytes = read_file(entry.path());
+        bytes[bytes.size() / 2] ^= 1;
+        write_file(entry.path(), bytes);
+    }
+    device.run_update();
+    EXPECT_FALSE(device.logged("replace img file"));
+    EXPECT_FALSE(exists(device.opt("/usr/lib/libad-agent-fwk.so")));
+    EXPECT_EQ(device.leftovers(), "");
+}
+
+}  // namespace
+}  // namespace device_tests
