@@ -1,5 +1,4 @@
-#ifndef LINUX_PLATFORM_BUS_CLIENT_H
-#define LINUX_PLATFORM_BUS_CLIENT_H
+#pragma once
 
 #include "glib_pointers.h"
 
@@ -57,7 +56,7 @@ public:
     void complete_subscriptions();
 
     /** The connection; null while there is none. On the client's thread. */
-    GDBusConnection* connection() const { return m_connection.get(); }
+    GDBusConnection* connection() const { return connection_.get(); }
 
     /** Runs a function on the client's thread after a time. From any thread, also before start. */
     void call_after(unsigned milliseconds, GSourceFunc function, void* user_data);
@@ -72,17 +71,15 @@ private:
     void serve_until_closed();
     void wait(unsigned milliseconds);
 
-    const std::string m_thread_name;
-    const Address m_address;
-    const Handlers m_handlers;
-    const MainContextPointer m_context;
-    const MainLoopPointer m_loop;
-    std::once_flag m_started;
-    BusConnectionPointer m_connection;
-    std::vector<unsigned> m_subscriptions;
-    std::string m_last_failure;
+    const std::string thread_name_;
+    const Address address_;
+    const Handlers handlers_;
+    const MainContextPointer context_;
+    const MainLoopPointer loop_;
+    std::once_flag started_;
+    BusConnectionPointer connection_;
+    std::vector<unsigned> subscriptions_;
+    std::string last_failure_;
 };
 
 }  // namespace linux_platform
-
-#endif

@@ -1,6 +1,5 @@
 /** GLib's reference-counted and allocated things as smart pointers. */
-#ifndef LINUX_PLATFORM_GLIB_POINTERS_H
-#define LINUX_PLATFORM_GLIB_POINTERS_H
+#pragma once
 
 #include <memory>
 
@@ -27,5 +26,3 @@ using MainLoopPointer = std::unique_ptr<GMainLoop, GlibDeleter>;
 using BusConnectionPointer = std::unique_ptr<GDBusConnection, GlibDeleter>;
 
 }  // namespace linux_platform
-
-#endif

@@ -5,7 +5,7 @@
 namespace linux_platform {
 
 void MainLoopCall::request() {
-    if (m_pending.exchange(true)) return;
+    if (pending_.exchange(true)) return;
     // Attached, not invoked: invoking would run it here while nobody runs the loop.
     GSource* source = g_idle_source_new();
     g_source_set_priority(source, G_PRIORITY_DEFAULT);
@@ -17,8 +17,8 @@ void MainLoopCall::request() {
 int MainLoopCall::dispatch(void* self) {
     auto* call = static_cast<MainLoopCall*>(self);
     // First, so that what changes during the call is not missed.
-    call->m_pending = false;
-    call->m_function();
+    call->pending_ = false;
+    call->function_();
     return G_SOURCE_REMOVE;
 }
 

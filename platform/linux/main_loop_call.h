@@ -1,5 +1,4 @@
-#ifndef LINUX_PLATFORM_MAIN_LOOP_CALL_H
-#define LINUX_PLATFORM_MAIN_LOOP_CALL_H
+#pragma once
 
 #include <atomic>
 
@@ -11,7 +10,7 @@ namespace linux_platform {
  */
 class MainLoopCall {
 public:
-    explicit MainLoopCall(void (*function)()) : m_function(function) {}
+    explicit MainLoopCall(void (*function)()) : function_(function) {}
 
     /**
      * Has the function called once the main loop gets to it. Requests that come
@@ -22,10 +21,8 @@ public:
 private:
     static int dispatch(void* self);
 
-    void (*m_function)();
-    std::atomic<bool> m_pending{false};
+    void (*function_)();
+    std::atomic<bool> pending_{false};
 };
 
 }  // namespace linux_platform
-
-#endif

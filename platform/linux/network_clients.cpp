@@ -1,5 +1,6 @@
 #include "network_clients.h"
 
+#include <cstddef>
 #include <utility>
 
 namespace linux_platform {
@@ -15,14 +16,16 @@ uint64_t profile_change(const NetworkSnapshot& snapshot, const std::string& uuid
 template <typename Map>
 std::vector<typename Map::key_type> keys(const Map& map) {
     std::vector<typename Map::key_type> all;
+    all.reserve(map.size());
     for (const auto& entry : map) all.push_back(entry.first);
     return all;
 }
 
+/** What is behind a handle, or null. */
 template <typename Map>
-typename Map::mapped_type::pointer find(const Map& map, void* handle) {
+typename Map::mapped_type* find(Map& map, void* handle) {
     const auto found = map.find(handle);
-    return found == map.end() ? nullptr : found->second.get();
+    return found == map.end() ? nullptr : &found->second;
 }
 
 }  // namespace
@@ -34,28 +37,33 @@ NetworkClients& NetworkClients::instance() {
 
 connection_h NetworkClients::create() {
     NetworkMonitor::instance().start([] { instance().report(); });
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    auto client = std::make_unique<Client>();
-    connection_h handle = client.get();
-    m_clients[handle] = std::move(client);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    connection_h handle = new_handle();
+    clients_[handle] = {};
     return handle;
 }
 
+void* NetworkClients::new_handle() {
+    // Apart as if they were pointers, for a program that prints them.
+    last_handle_ += sizeof(max_align_t);
+    return reinterpret_cast<void*>(last_handle_);
+}
+
 bool NetworkClients::destroy(void* handle) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_clients.erase(handle) + m_iterators.erase(handle) > 0;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return clients_.erase(handle) + iterators_.erase(handle) > 0;
 }
 
 bool NetworkClients::is_client(connection_h client) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return find(m_clients, client) != nullptr;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return find(clients_, client) != nullptr;
 }
 
 bool NetworkClients::set_type_callback(connection_h handle, connection_type_changed_cb callback,
                                        void* user_data) {
     const NetworkMonitor::Snapshot snapshot = NetworkMonitor::instance().snapshot();
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    Client* client = find(m_clients, handle);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    Client* client = find(clients_, handle);
     if (!client) return false;
     client->callback = callback;
     client->user_data = user_data;
@@ -65,42 +73,42 @@ bool NetworkClients::set_type_callback(connection_h handle, connection_type_chan
 
 connection_profile_iterator_h NetworkClients::create_iterator(
     const std::vector<Profile>& profiles) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    auto iterator = std::make_unique<Iterator>();
+    const std::lock_guard<std::mutex> lock(mutex_);
+    Iterator iterator;
     for (const Profile& profile : profiles) {
-        connection_profile_h handle = nullptr;
-        for (const auto& [known, of_known] : m_profiles) {
-            if (of_known->uuid == profile.uuid) handle = known;
-        }
-        if (!handle) {
-            auto made = std::make_unique<ProfileHandle>();
-            made->uuid = profile.uuid;
-            handle = made.get();
-            m_profiles[handle] = std::move(made);
-        }
-        m_profiles[handle]->type = profile.type;
-        iterator->profiles.push_back(handle);
+        connection_profile_h handle = profile_handle(profile.uuid);
+        profiles_[handle].type = profile.type;
+        iterator.profiles.push_back(handle);
     }
-    connection_profile_iterator_h handle = iterator.get();
-    m_iterators[handle] = std::move(iterator);
+    connection_profile_iterator_h handle = new_handle();
+    iterators_[handle] = std::move(iterator);
+    return handle;
+}
+
+connection_profile_h NetworkClients::profile_handle(const std::string& uuid) {
+    for (const auto& [handle, profile] : profiles_) {
+        if (profile.uuid == uuid) return handle;
+    }
+    connection_profile_h handle = new_handle();
+    profiles_[handle].uuid = uuid;
     return handle;
 }
 
 connection_profile_h NetworkClients::peek(connection_profile_iterator_h handle) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    const Iterator* iterator = find(m_iterators, handle);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const Iterator* iterator = find(iterators_, handle);
     if (!iterator || iterator->next >= iterator->profiles.size()) return nullptr;
     return iterator->profiles[iterator->next];
 }
 
 void NetworkClients::advance(connection_profile_iterator_h handle) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    if (Iterator* iterator = find(m_iterators, handle)) ++iterator->next;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (Iterator* iterator = find(iterators_, handle)) ++iterator->next;
 }
 
 bool NetworkClients::profile_type(connection_profile_h handle, connection_profile_type_e* type) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    const ProfileHandle* profile = find(m_profiles, handle);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const KnownProfile* profile = find(profiles_, handle);
     if (!profile) return false;
     *type = profile->type;
     return true;
@@ -110,8 +118,8 @@ bool NetworkClients::set_profile_callback(connection_profile_h handle,
                                           connection_profile_state_changed_cb callback,
                                           void* user_data) {
     const NetworkMonitor::Snapshot snapshot = NetworkMonitor::instance().snapshot();
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    ProfileHandle* profile = find(m_profiles, handle);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    KnownProfile* profile = find(profiles_, handle);
     if (!profile) return false;
     profile->callback = callback;
     profile->user_data = user_data;
@@ -126,9 +134,9 @@ void NetworkClients::report() {
     std::vector<connection_h> clients;
     std::vector<connection_profile_h> profiles;
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        clients = keys(m_clients);
-        profiles = keys(m_profiles);
+        const std::lock_guard<std::mutex> lock(mutex_);
+        clients = keys(clients_);
+        profiles = keys(profiles_);
     }
     for (connection_h client : clients) report_type(client, *snapshot);
     for (connection_profile_h profile : profiles) report_profile(profile, *snapshot);
@@ -137,9 +145,9 @@ void NetworkClients::report() {
 void NetworkClients::report_type(connection_h handle, const NetworkSnapshot& snapshot) {
     Client due;
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const std::lock_guard<std::mutex> lock(mutex_);
         // Released by a callback before this one, perhaps.
-        Client* client = find(m_clients, handle);
+        Client* client = find(clients_, handle);
         if (!client || !client->callback || client->reported >= snapshot.type_change) return;
         client->reported = snapshot.type_change;
         due = *client;
@@ -148,10 +156,10 @@ void NetworkClients::report_type(connection_h handle, const NetworkSnapshot& sna
 }
 
 void NetworkClients::report_profile(connection_profile_h handle, const NetworkSnapshot& snapshot) {
-    ProfileHandle due;
+    KnownProfile due;
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        ProfileHandle* profile = find(m_profiles, handle);
+        const std::lock_guard<std::mutex> lock(mutex_);
+        KnownProfile* profile = find(profiles_, handle);
         if (!profile || !profile->callback) return;
         const uint64_t change = profile_change(snapshot, profile->uuid);
         if (profile->reported == change) return;

@@ -1,5 +1,4 @@
-#ifndef LINUX_PLATFORM_NETWORK_CLIENTS_H
-#define LINUX_PLATFORM_NETWORK_CLIENTS_H
+#pragma once
 
 #include "network_connection.h"
 #include "network_monitor.h"
@@ -16,9 +15,9 @@ namespace linux_platform {
 /**
  * The handles that the platform has given out, with their callbacks.
  *
- * A handle that was never given out, or has been released, is found out and
- * refused. Functions are for any thread; callbacks run on the main loop's
- * thread, with nothing locked.
+ * Handles are numbers that are never given out twice, so one that is released
+ * or from elsewhere is found out and refused. Functions are for any thread;
+ * callbacks run on the main loop's thread, with nothing locked.
  */
 class NetworkClients {
 public:
@@ -56,7 +55,7 @@ private:
     };
 
     /** A profile by its UUID, which stays when NetworkManager restarts. */
-    struct ProfileHandle {
+    struct KnownProfile {
         std::string uuid;
         connection_profile_type_e type = CONNECTION_PROFILE_TYPE_ETHERNET;
         connection_profile_state_changed_cb callback = nullptr;
@@ -64,17 +63,18 @@ private:
         uint64_t reported = 0;
     };
 
+    void* new_handle();
+    connection_profile_h profile_handle(const std::string& uuid);
     void report();
     void report_type(connection_h handle, const NetworkSnapshot& snapshot);
     void report_profile(connection_profile_h handle, const NetworkSnapshot& snapshot);
 
-    std::mutex m_mutex;
-    std::map<connection_h, std::unique_ptr<Client>> m_clients;
-    std::map<connection_profile_iterator_h, std::unique_ptr<Iterator>> m_iterators;
+    std::mutex mutex_;
+    uintptr_t last_handle_ = 0;
+    std::map<connection_h, Client> clients_;
+    std::map<connection_profile_iterator_h, Iterator> iterators_;
     /** Never shrinks: a profile's handle is never released. */
-    std::map<connection_profile_h, std::unique_ptr<ProfileHandle>> m_profiles;
+    std::map<connection_profile_h, KnownProfile> profiles_;
 };
 
 }  // namespace linux_platform
-
-#endif

@@ -39,31 +39,31 @@ NetworkMonitor& NetworkMonitor::instance() {
 }
 
 NetworkMonitor::NetworkMonitor()
-    : m_bus("ad-network", system_bus_address,
-            {[this] { connected(); }, [this] { disconnected(); }}) {}
+    : bus_("ad-network", system_bus_address,
+           {[this] { connected(); }, [this] { disconnected(); }}) {}
 
 void NetworkMonitor::start(void (*changed)()) {
-    std::call_once(m_started, [this, changed] {
-        m_changed = std::make_unique<MainLoopCall>(changed);
-        m_wait_until = std::chrono::steady_clock::now() + FIRST_ANSWER_LIMIT;
-        m_bus.start();
+    std::call_once(started_, [this, changed] {
+        changed_ = std::make_unique<MainLoopCall>(changed);
+        wait_until_ = std::chrono::steady_clock::now() + FIRST_ANSWER_LIMIT;
+        bus_.start();
     });
 }
 
 NetworkMonitor::Snapshot NetworkMonitor::snapshot() {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    m_published.wait_until(lock, m_wait_until, [this] { return m_snapshot != nullptr; });
-    return m_snapshot;
+    std::unique_lock<std::mutex> lock(mutex_);
+    published_.wait_until(lock, wait_until_, [this] { return snapshot_ != nullptr; });
+    return snapshot_;
 }
 
 // --- On the bus client's thread ----------------------------------------------
 
 void NetworkMonitor::connected() {
-    m_retry_ms = FIRST_RETRY_MS;
-    m_profiles_outdated = true;
+    retry_ms_ = FIRST_RETRY_MS;
+    profiles_outdated_ = true;
     const auto on = [this](GDBusSignalCallback callback, const char* sender, const char* interface,
                            const char* member, const char* path, const char* arg0) {
-        m_bus.subscribe(sender, interface, member, path, arg0, callback, this);
+        bus_.subscribe(sender, interface, member, path, arg0, callback, this);
     };
     on(&on_profile_signal, "org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged",
        nullptr, SERVICE);
@@ -90,20 +90,20 @@ void NetworkMonitor::on_profile_signal(GDBusConnection* /*connection*/, const ch
                                        const char* /*signal*/, GVariant* /*parameters*/,
                                        void* self) {
     auto* monitor = static_cast<NetworkMonitor*>(self);
-    monitor->m_profiles_outdated = true;
+    monitor->profiles_outdated_ = true;
     monitor->refresh_after(GATHER_MS);
 }
 
 void NetworkMonitor::refresh_after(unsigned milliseconds) {
-    if (m_refresh_due) return;
-    m_refresh_due = true;
-    m_bus.call_after(milliseconds, &NetworkMonitor::on_refresh_due, this);
+    if (refresh_due_) return;
+    refresh_due_ = true;
+    bus_.call_after(milliseconds, &NetworkMonitor::on_refresh_due, this);
 }
 
 int NetworkMonitor::on_refresh_due(void* self) {
     auto* monitor = static_cast<NetworkMonitor*>(self);
-    monitor->m_refresh_due = false;
-    if (monitor->m_bus.connection()) monitor->refresh();
+    monitor->refresh_due_ = false;
+    if (monitor->bus_.connection()) monitor->refresh();
     return G_SOURCE_REMOVE;
 }
 
@@ -119,25 +119,25 @@ void NetworkMonitor::refresh() {
         refresh_failed(error.get());
         return;
     }
-    m_retry_ms = FIRST_RETRY_MS;
-    if (m_profiles_outdated) update_profiles(objects.get());
+    retry_ms_ = FIRST_RETRY_MS;
+    if (profiles_outdated_) update_profiles(objects.get());
     next.available = true;
-    next.profiles = m_profiles;
+    next.profiles = profiles_;
     publish(std::move(next));
 }
 
 void NetworkMonitor::refresh_failed(const GError* error) {
     publish({});
-    m_profiles_outdated = true;
+    profiles_outdated_ = true;
     // Without an owner of its name, the service announces itself when it comes.
     if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NAME_HAS_NO_OWNER) ||
         g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_SERVICE_UNKNOWN) ||
-        g_dbus_connection_is_closed(m_bus.connection())) {
+        g_dbus_connection_is_closed(bus_.connection())) {
         return;
     }
     log_error("ad-network: %s does not tell its state: %s; trying on", SERVICE, error->message);
-    refresh_after(m_retry_ms);
-    m_retry_ms = std::min(m_retry_ms * 2, LAST_RETRY_MS);
+    refresh_after(retry_ms_);
+    retry_ms_ = std::min(retry_ms_ * 2, LAST_RETRY_MS);
 }
 
 VariantPointer NetworkMonitor::call(const char* path, const char* interface, const char* method,
@@ -146,7 +146,7 @@ VariantPointer NetworkMonitor::call(const char* path, const char* interface, con
     // Without a limit: a service that hangs answers once it goes on, and one that
     // ends is reported by the bus.
     VariantPointer answer(g_dbus_connection_call_sync(
-        m_bus.connection(), SERVICE, path, interface, method, nullptr, G_VARIANT_TYPE(answer_type),
+        bus_.connection(), SERVICE, path, interface, method, nullptr, G_VARIANT_TYPE(answer_type),
         G_DBUS_CALL_FLAGS_NO_AUTO_START, G_MAXINT, nullptr, &failure));
     error->reset(failure);
     if (!answer) return nullptr;
@@ -161,8 +161,8 @@ VariantPointer NetworkMonitor::get_state(NetworkState* state, ErrorPointer* erro
 }
 
 void NetworkMonitor::update_profiles(GVariant* objects) {
-    m_profiles_outdated = false;
-    m_profiles.clear();
+    profiles_outdated_ = false;
+    profiles_.clear();
     for (const std::string& path : profile_paths(objects)) {
         ErrorPointer error;
         const VariantPointer settings =
@@ -170,32 +170,32 @@ void NetworkMonitor::update_profiles(GVariant* objects) {
         Profile profile;
         // One that has just been removed, or is not for this user, is left out.
         if (settings && read_profile(settings.get(), &profile)) {
-            m_profiles.push_back(std::move(profile));
+            profiles_.push_back(std::move(profile));
         }
     }
-    sort_profiles(&m_profiles);
+    sort_profiles(&profiles_);
 }
 
 bool NetworkMonitor::is_connected() {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_snapshot && m_snapshot->state.type != CONNECTION_TYPE_DISCONNECTED;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return snapshot_ && snapshot_->state.type != CONNECTION_TYPE_DISCONNECTED;
 }
 
 void NetworkMonitor::publish(NetworkSnapshot next) {
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const std::lock_guard<std::mutex> lock(mutex_);
         static const NetworkSnapshot nothing;
-        const NetworkSnapshot& last = m_snapshot ? *m_snapshot : nothing;
-        next.type_change = next.state.type == last.state.type ? last.type_change : ++m_changes;
+        const NetworkSnapshot& last = snapshot_ ? *snapshot_ : nothing;
+        next.type_change = next.state.type == last.state.type ? last.type_change : ++changes_;
         for (const auto& [uuid, state] : next.state.profile_states) {
             const auto before = last.state.profile_states.find(uuid);
             const bool same = before != last.state.profile_states.end() && before->second == state;
-            next.profile_changes[uuid] = same ? last.profile_changes.at(uuid) : ++m_changes;
+            next.profile_changes[uuid] = same ? last.profile_changes.at(uuid) : ++changes_;
         }
-        m_snapshot = std::make_shared<const NetworkSnapshot>(std::move(next));
+        snapshot_ = std::make_shared<const NetworkSnapshot>(std::move(next));
     }
-    m_published.notify_all();
-    m_changed->request();
+    published_.notify_all();
+    changed_->request();
 }
 
 }  // namespace linux_platform

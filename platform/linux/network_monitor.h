@@ -1,5 +1,4 @@
-#ifndef LINUX_PLATFORM_NETWORK_MONITOR_H
-#define LINUX_PLATFORM_NETWORK_MONITOR_H
+#pragma once
 
 #include "bus_client.h"
 #include "main_loop_call.h"
@@ -85,23 +84,21 @@ private:
     void publish(NetworkSnapshot next);
     bool is_connected();
 
-    BusClient m_bus;
-    std::once_flag m_started;
-    std::unique_ptr<MainLoopCall> m_changed;
+    BusClient bus_;
+    std::once_flag started_;
+    std::unique_ptr<MainLoopCall> changed_;
 
     // Of the bus client's thread.
-    bool m_refresh_due = false;
-    unsigned m_retry_ms = 0;
-    std::vector<Profile> m_profiles;
-    bool m_profiles_outdated = true;
-    uint64_t m_changes = 0;
+    bool refresh_due_ = false;
+    unsigned retry_ms_ = 0;
+    std::vector<Profile> profiles_;
+    bool profiles_outdated_ = true;
+    uint64_t changes_ = 0;
 
-    std::mutex m_mutex;
-    std::condition_variable m_published;
-    Snapshot m_snapshot;
-    std::chrono::steady_clock::time_point m_wait_until;
+    std::mutex mutex_;
+    std::condition_variable published_;
+    Snapshot snapshot_;
+    std::chrono::steady_clock::time_point wait_until_;
 };
 
 }  // namespace linux_platform
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef LINUX_PLATFORM_NETWORK_STATE_H
-#define LINUX_PLATFORM_NETWORK_STATE_H
+#pragma once
 
 #include "network_connection.h"
 
@@ -72,5 +71,3 @@ bool read_profile(GVariant* settings, Profile* profile);
 void sort_profiles(std::vector<Profile>* profiles);
 
 }  // namespace linux_platform
-
-#endif

@@ -25,14 +25,15 @@ namespace linux_platform {
 
 namespace {
 
-constexpr const char* LOG_SOCKET = "/dev/log";
+constexpr char LOG_SOCKET[] = "/dev/log";
 
 /** The longest line, its end cut off beyond; room for what the daemon ever writes. */
 constexpr size_t LINE_SIZE = 8192;
+constexpr size_t MAX_TAG_SIZE = 256;
 
 /** How long a line waits for a logger that does not read, in all: TRIES times PAUSE. */
 constexpr int TRIES = 10;
-constexpr timespec PAUSE = {0, 5 * 1000 * 1000};
+constexpr timespec PAUSE = {0, 5000000};
 
 struct Priority {
     int platform;
@@ -68,7 +69,7 @@ int log_socket() {
 bool send_once(int socket, const char* line, size_t size) {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
-    strcpy(address.sun_path, LOG_SOCKET);
+    memcpy(address.sun_path, LOG_SOCKET, sizeof LOG_SOCKET);
     ssize_t sent = 0;
     do {
         sent = sendto(socket, line, size, MSG_DONTWAIT | MSG_NOSIGNAL,
@@ -105,21 +106,6 @@ void write_all(int descriptor, const char* text, size_t size) {
     }
 }
 
-/** Puts "<priority>tag: message" into the buffer; false when the format is wrong. */
-__attribute__((format(printf, 4, 0))) bool format_line(char* line, int priority, const char* tag,
-                                                       const char* format, va_list arguments,
-                                                       size_t* tag_at, size_t* size) {
-    const int prefix = snprintf(line, LINE_SIZE, "<%d>", LOG_DAEMON | syslog_priority(priority));
-    *tag_at = static_cast<size_t>(prefix);
-    const int tagged = snprintf(line + *tag_at, LINE_SIZE / 2, "%s: ", tag ? tag : "-");
-    if (tagged < 0) return false;
-    const size_t begin = *tag_at + std::min(static_cast<size_t>(tagged), LINE_SIZE / 2 - 1);
-    const int length = vsnprintf(line + begin, LINE_SIZE - begin, format, arguments);
-    if (length < 0) return false;
-    *size = std::min(begin + static_cast<size_t>(length), LINE_SIZE - 1);
-    return true;
-}
-
 }  // namespace
 
 }  // namespace linux_platform
@@ -130,17 +116,24 @@ extern "C" int __dlog_print(int /*log_id*/, int priority, const char* tag, const
     // Called from signal handlers, which must not change what the program sees.
     const int error_before = errno;
     char line[LINE_SIZE];
-    size_t tag_at = 0;
-    size_t size = 0;
+    const auto tag_at = static_cast<size_t>(
+        snprintf(line, sizeof line, "<%d>", LOG_DAEMON | syslog_priority(priority)));
+    const int tag_size = snprintf(line + tag_at, MAX_TAG_SIZE, "%s: ", tag ? tag : "-");
+    const size_t begin = tag_at + std::min(static_cast<size_t>(tag_size), MAX_TAG_SIZE - 1);
+
     va_list arguments;
     va_start(arguments, format);
-    const bool formatted = format_line(line, priority, tag, format, arguments, &tag_at, &size);
+    const int length = vsnprintf(line + begin, sizeof line - begin, format, arguments);
     va_end(arguments);
-    if (formatted && !send_line(line, size)) {
-        // In place of the terminating zero, which nothing needs any more.
-        if (line[size - 1] != '\n') line[size++] = '\n';
-        write_all(STDERR_FILENO, line + tag_at, size - tag_at);
+    size_t size = begin;
+    if (length >= 0) {
+        size = std::min(begin + static_cast<size_t>(length), sizeof line - 1);
+        if (!send_line(line, size)) {
+            // In place of the terminating zero, which nothing needs any more.
+            if (line[size - 1] != '\n') line[size++] = '\n';
+            write_all(STDERR_FILENO, line + tag_at, size - tag_at);
+        }
     }
     errno = error_before;
-    return formatted ? static_cast<int>(size - tag_at) : -1;
+    return length < 0 ? -1 : static_cast<int>(size - tag_at);
 }

@@ -36,7 +36,7 @@ SettingsMonitor& SettingsMonitor::instance() {
 }
 
 SettingsMonitor::SettingsMonitor()
-    : m_bus("ad-settings", settings_bus_address, {[this] { connected(); }, [] {}}) {}
+    : bus_("ad-settings", settings_bus_address, {[this] { connected(); }, [] {}}) {}
 
 void SettingsMonitor::watch(const std::string& key, const std::string& path,
                             vconf_callback_fn callback, void* user_data) {
@@ -47,26 +47,26 @@ void SettingsMonitor::watch(const std::string& key, const std::string& path,
     watch->user_data = user_data;
     {
         // Together with the reading, so that no change falls in between.
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const std::lock_guard<std::mutex> lock(mutex_);
         watch->value = read_settings_value(path);
-        m_watches.push_back(std::move(watch));
+        watches_.push_back(std::move(watch));
     }
-    m_bus.start();
+    bus_.start();
 }
 
 std::vector<SettingsMonitor::Watch*> SettingsMonitor::watches() {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const std::lock_guard<std::mutex> lock(mutex_);
     std::vector<Watch*> all;
-    all.reserve(m_watches.size());
-    for (const auto& watch : m_watches) all.push_back(watch.get());
+    all.reserve(watches_.size());
+    for (const auto& watch : watches_) all.push_back(watch.get());
     return all;
 }
 
 void SettingsMonitor::connected() {
     // Whoever the sender is, the database has the last word.
-    m_bus.subscribe(nullptr, "ca.desrt.dconf.Writer", "Notify", nullptr, nullptr,
-                    &SettingsMonitor::on_notify, this);
-    m_bus.complete_subscriptions();
+    bus_.subscribe(nullptr, "ca.desrt.dconf.Writer", "Notify", nullptr, nullptr,
+                   &SettingsMonitor::on_notify, this);
+    bus_.complete_subscriptions();
     read_changed("/");
 }
 
@@ -90,7 +90,7 @@ void SettingsMonitor::read_changed(const std::string& changed) {
     bool any = false;
     for (Watch* watch : watches()) {
         if (!concerns(changed, watch->path)) continue;
-        const std::lock_guard<std::mutex> lock(m_mutex);
+        const std::lock_guard<std::mutex> lock(mutex_);
         SettingsValue value = read_settings_value(watch->path);
         if (value == watch->value) continue;
         watch->value = std::move(value);
@@ -101,7 +101,7 @@ void SettingsMonitor::read_changed(const std::string& changed) {
 }
 
 bool SettingsMonitor::take_change(Watch& watch, settings_keynode* node) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    const std::lock_guard<std::mutex> lock(mutex_);
     if (watch.reported == watch.changes) return false;
     watch.reported = watch.changes;
     *node = {watch.key, watch.value};

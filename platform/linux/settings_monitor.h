@@ -1,5 +1,4 @@
-#ifndef LINUX_PLATFORM_SETTINGS_MONITOR_H
-#define LINUX_PLATFORM_SETTINGS_MONITOR_H
+#pragma once
 
 #include "bus_client.h"
 #include "settings_store.h"
@@ -64,12 +63,10 @@ private:
 
     std::vector<Watch*> watches();
 
-    std::mutex m_mutex;
+    std::mutex mutex_;
     /** Only ever grows, so that its elements can be used without the mutex. */
-    std::vector<std::unique_ptr<Watch>> m_watches;
-    BusClient m_bus;
+    std::vector<std::unique_ptr<Watch>> watches_;
+    BusClient bus_;
 };
 
 }  // namespace linux_platform
-
-#endif

@@ -1,5 +1,4 @@
-#ifndef LINUX_PLATFORM_SETTINGS_VALUE_H
-#define LINUX_PLATFORM_SETTINGS_VALUE_H
+#pragma once
 
 #include <string>
 
@@ -35,5 +34,3 @@ struct SettingsValue {
 SettingsValue read_settings_value(const std::string& path);
 
 }  // namespace linux_platform
-
-#endif

@@ -31,7 +31,7 @@ protected:
         PlatformTest::SetUp();
         if (IsSkipped()) return;
         service("stop network");
-        m_mock = std::make_unique<test_support::LineProcess>(std::vector<std::string>{
+        mock_ = std::make_unique<test_support::LineProcess>(std::vector<std::string>{
             "/usr/bin/python3", "-m", "dbusmock", "--system", "--template", "networkmanager"});
         // It has its name some time before it has its objects.
         must(
@@ -68,7 +68,7 @@ protected:
              path + "'>\"");
     }
 
-    std::unique_ptr<test_support::LineProcess> m_mock;
+    std::unique_ptr<test_support::LineProcess> mock_;
 };
 
 TEST_P(RadioTest, FromNoConnectionToOneAndBack) {

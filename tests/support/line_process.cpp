@@ -34,8 +34,8 @@ LineProcess::LineProcess(const std::vector<std::string>& command) {
     int to_child[2];
     int from_child[2];
     if (pipe2(to_child, O_CLOEXEC) != 0 || pipe2(from_child, O_CLOEXEC) != 0) abort();
-    m_pid = fork();
-    if (m_pid == 0) {
+    pid_ = fork();
+    if (pid_ == 0) {
         dup2(to_child[0], STDIN_FILENO);
         dup2(from_child[1], STDOUT_FILENO);
         dup2(from_child[1], STDERR_FILENO);
@@ -45,37 +45,36 @@ LineProcess::LineProcess(const std::vector<std::string>& command) {
     }
     close(to_child[0]);
     close(from_child[1]);
-    m_input = to_child[1];
-    m_output = from_child[0];
+    input_ = to_child[1];
+    output_ = from_child[0];
     signal(SIGPIPE, SIG_IGN);
 }
 
 LineProcess::~LineProcess() {
-    if (m_pid > 0 && m_status < 0) {
-        kill(m_pid, SIGKILL);
-        waitpid(m_pid, &m_status, 0);
+    if (pid_ > 0 && status_ < 0) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, &status_, 0);
     }
-    if (m_input >= 0) close(m_input);
-    close(m_output);
+    if (input_ >= 0) close(input_);
+    close(output_);
 }
 
 void LineProcess::send(const std::string& line) {
     const std::string text = line + "\n";
-    if (write(m_input, text.data(), text.size()) < 0)
-        m_transcript += "(cannot send " + line + ")\n";
+    if (write(input_, text.data(), text.size()) < 0) transcript_ += "(cannot send " + line + ")\n";
 }
 
 bool LineProcess::read_some(Milliseconds limit) {
-    pollfd ready = {m_output, POLLIN, 0};
+    pollfd ready = {output_, POLLIN, 0};
     if (poll(&ready, 1, static_cast<int>(limit.count())) <= 0) return false;
     char chunk[4096];
-    const ssize_t size = read(m_output, chunk, sizeof chunk);
+    const ssize_t size = read(output_, chunk, sizeof chunk);
     if (size <= 0) return false;
-    m_partial.append(chunk, static_cast<size_t>(size));
-    m_transcript.append(chunk, static_cast<size_t>(size));
-    for (size_t end = m_partial.find('\n'); end != std::string::npos; end = m_partial.find('\n')) {
-        m_lines.push_back(m_partial.substr(0, end));
-        m_partial.erase(0, end + 1);
+    partial_.append(chunk, static_cast<size_t>(size));
+    transcript_.append(chunk, static_cast<size_t>(size));
+    for (size_t end = partial_.find('\n'); end != std::string::npos; end = partial_.find('\n')) {
+        lines_.push_back(partial_.substr(0, end));
+        partial_.erase(0, end + 1);
     }
     return true;
 }
@@ -93,11 +92,11 @@ std::optional<std::string> LineProcess::take(const std::string& text, Millisecon
     const Clock::time_point end = Clock::now() + limit;
     for (;;) {
         const auto found = std::find_if(
-            m_lines.begin(), m_lines.end(),
+            lines_.begin(), lines_.end(),
             [&text](const std::string& line) { return line.find(text) != std::string::npos; });
-        if (found != m_lines.end()) {
+        if (found != lines_.end()) {
             std::string line = *found;
-            m_lines.erase(forget ? m_lines.begin() : found, found + 1);
+            lines_.erase(forget ? lines_.begin() : found, found + 1);
             return line;
         }
         if (!read_some(left(end)) && (Clock::now() >= end || !alive())) return std::nullopt;
@@ -108,25 +107,25 @@ std::vector<std::string> LineProcess::collect(Milliseconds time) {
     const Clock::time_point end = Clock::now() + time;
     while (read_some(left(end)) || (Clock::now() < end && alive())) {
     }
-    std::vector<std::string> lines(m_lines.begin(), m_lines.end());
-    m_lines.clear();
+    std::vector<std::string> lines(lines_.begin(), lines_.end());
+    lines_.clear();
     return lines;
 }
 
 bool LineProcess::alive() {
-    if (m_status >= 0) return false;
+    if (status_ >= 0) return false;
     int status = 0;
-    if (waitpid(m_pid, &status, WNOHANG) == m_pid) m_status = status;
-    return m_status < 0;
+    if (waitpid(pid_, &status, WNOHANG) == pid_) status_ = status;
+    return status_ < 0;
 }
 
 int LineProcess::finish() {
-    if (m_input >= 0) close(m_input);
-    m_input = -1;
+    if (input_ >= 0) close(input_);
+    input_ = -1;
     while (read_some(Milliseconds(10000))) {
     }
-    if (m_status < 0) waitpid(m_pid, &m_status, 0);
-    return WIFEXITED(m_status) ? WEXITSTATUS(m_status) : 128 + WTERMSIG(m_status);
+    if (status_ < 0) waitpid(pid_, &status_, 0);
+    return WIFEXITED(status_) ? WEXITSTATUS(status_) : 128 + WTERMSIG(status_);
 }
 
 }  // namespace test_support

@@ -40,9 +40,9 @@ public:
     std::vector<std::string> collect(Milliseconds time);
 
     /** What the program has printed in all, for messages about failures. */
-    const std::string& transcript() const { return m_transcript; }
+    const std::string& transcript() const { return transcript_; }
 
-    pid_t pid() const { return m_pid; }
+    pid_t pid() const { return pid_; }
     bool alive();
 
     /** Closes its standard input and waits: the exit status, or 128 and the signal's number. */
@@ -52,13 +52,13 @@ private:
     std::optional<std::string> take(const std::string& text, Milliseconds limit, bool forget);
     bool read_some(Milliseconds limit);
 
-    pid_t m_pid = -1;
-    int m_status = -1;
-    int m_input = -1;
-    int m_output = -1;
-    std::string m_partial;
-    std::deque<std::string> m_lines;
-    std::string m_transcript;
+    pid_t pid_ = -1;
+    int status_ = -1;
+    int input_ = -1;
+    int output_ = -1;
+    std::string partial_;
+    std::deque<std::string> lines_;
+    std::string transcript_;
 };
 
 }  // namespace test_support
