@@ -1,6 +1,7 @@
 #include "network_monitor.h"
 
 #include "log.h"
+#include "network_manager.h"
 
 #include <algorithm>
 #include <utility>
@@ -8,14 +9,6 @@
 namespace linux_platform {
 
 namespace {
-
-constexpr const char* SERVICE = "org.freedesktop.NetworkManager";
-constexpr const char* MANAGER_PATH = "/org/freedesktop/NetworkManager";
-constexpr const char* SETTINGS_PATH = "/org/freedesktop/NetworkManager/Settings";
-constexpr const char* DEVICE = "org.freedesktop.NetworkManager.Device";
-constexpr const char* ACTIVE = "org.freedesktop.NetworkManager.Connection.Active";
-constexpr const char* CONNECTION = "org.freedesktop.NetworkManager.Settings.Connection";
-constexpr const char* PROPERTIES = "org.freedesktop.DBus.Properties";
 
 /** An activation is dozens of signals; those that come together are one refresh. */
 constexpr unsigned GATHER_MS = 2;
@@ -59,21 +52,26 @@ NetworkMonitor::Snapshot NetworkMonitor::snapshot() {
 // --- On the bus client's thread ----------------------------------------------
 
 void NetworkMonitor::connected() {
+    using Service = NetworkManager;
     retry_ms_ = FIRST_RETRY_MS;
     profiles_outdated_ = true;
     const auto on = [this](GDBusSignalCallback callback, const char* sender, const char* interface,
                            const char* member, const char* path, const char* arg0) {
         bus_.subscribe(sender, interface, member, path, arg0, callback, this);
     };
+    const auto on_properties = [&on](GDBusSignalCallback callback, const char* path,
+                                     const char* interface) {
+        on(callback, Service::SERVICE, Service::PROPERTIES, "PropertiesChanged", path, interface);
+    };
     on(&on_profile_signal, "org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged",
-       nullptr, SERVICE);
-    on(&on_profile_signal, SERVICE, PROPERTIES, "PropertiesChanged", SETTINGS_PATH, nullptr);
-    on(&on_profile_signal, SERVICE, CONNECTION, "Updated", nullptr, nullptr);
-    // Of the properties only what says something about connections: the strength
-    // of an access point changes every few seconds.
-    on(&on_signal, SERVICE, PROPERTIES, "PropertiesChanged", MANAGER_PATH, nullptr);
-    on(&on_signal, SERVICE, PROPERTIES, "PropertiesChanged", nullptr, ACTIVE);
-    on(&on_signal, SERVICE, PROPERTIES, "PropertiesChanged", nullptr, DEVICE);
+       nullptr, Service::SERVICE);
+    on(&on_profile_signal, Service::SERVICE, Service::CONNECTION, "Updated", nullptr, nullptr);
+    on_properties(&on_profile_signal, Service::SETTINGS_PATH, Service::SETTINGS);
+    // Only what says something about connections: the strength of an access point
+    // changes every few seconds.
+    on_properties(&on_signal, Service::MANAGER_PATH, Service::MANAGER);
+    on_properties(&on_signal, nullptr, Service::ACTIVE);
+    on_properties(&on_signal, nullptr, Service::DEVICE);
     refresh();
 }
 
@@ -108,19 +106,26 @@ int NetworkMonitor::on_refresh_due(void* self) {
 }
 
 void NetworkMonitor::refresh() {
+    const NetworkManager service(bus_.connection());
     ErrorPointer error;
+    NetworkObjects objects;
     NetworkSnapshot next;
-    VariantPointer objects = get_state(&next.state, &error);
-    if (objects && next.state.type == CONNECTION_TYPE_DISCONNECTED && is_connected()) {
+    bool answered = service.read_objects(&objects, &error);
+    if (answered) next.state = network_state(objects);
+    if (answered && next.state.type == CONNECTION_TYPE_DISCONNECTED && is_connected()) {
         g_usleep(SETTLE_MS * G_TIME_SPAN_MILLISECOND);
-        objects = get_state(&next.state, &error);
+        answered = service.read_objects(&objects, &error);
+        next.state = network_state(objects);
     }
-    if (!objects) {
+    if (answered && profiles_outdated_) {
+        profiles_outdated_ = false;
+        answered = service.read_profiles(&profiles_, &error);
+    }
+    if (!answered) {
         refresh_failed(error.get());
         return;
     }
     retry_ms_ = FIRST_RETRY_MS;
-    if (profiles_outdated_) update_profiles(objects.get());
     next.available = true;
     next.profiles = profiles_;
     publish(std::move(next));
@@ -135,45 +140,10 @@ void NetworkMonitor::refresh_failed(const GError* error) {
         g_dbus_connection_is_closed(bus_.connection())) {
         return;
     }
-    log_error("ad-network: %s does not tell its state: %s; trying on", SERVICE, error->message);
+    log_error("ad-network: %s does not tell its state: %s; trying on", NetworkManager::SERVICE,
+              error->message);
     refresh_after(retry_ms_);
     retry_ms_ = std::min(retry_ms_ * 2, LAST_RETRY_MS);
-}
-
-VariantPointer NetworkMonitor::call(const char* path, const char* interface, const char* method,
-                                    const char* answer_type, ErrorPointer* error) {
-    GError* failure = nullptr;
-    // Without a limit: a service that hangs answers once it goes on, and one that
-    // ends is reported by the bus.
-    VariantPointer answer(g_dbus_connection_call_sync(
-        bus_.connection(), SERVICE, path, interface, method, nullptr, G_VARIANT_TYPE(answer_type),
-        G_DBUS_CALL_FLAGS_NO_AUTO_START, G_MAXINT, nullptr, &failure));
-    error->reset(failure);
-    if (!answer) return nullptr;
-    return VariantPointer(g_variant_get_child_value(answer.get(), 0));
-}
-
-VariantPointer NetworkMonitor::get_state(NetworkState* state, ErrorPointer* error) {
-    VariantPointer objects = call("/org/freedesktop", "org.freedesktop.DBus.ObjectManager",
-                                  "GetManagedObjects", "(a{oa{sa{sv}}})", error);
-    if (objects) *state = network_state(objects.get());
-    return objects;
-}
-
-void NetworkMonitor::update_profiles(GVariant* objects) {
-    profiles_outdated_ = false;
-    profiles_.clear();
-    for (const std::string& path : profile_paths(objects)) {
-        ErrorPointer error;
-        const VariantPointer settings =
-            call(path.c_str(), CONNECTION, "GetSettings", "(a{sa{sv}})", &error);
-        Profile profile;
-        // One that has just been removed, or is not for this user, is left out.
-        if (settings && read_profile(settings.get(), &profile)) {
-            profiles_.push_back(std::move(profile));
-        }
-    }
-    sort_profiles(&profiles_);
 }
 
 bool NetworkMonitor::is_connected() {

@@ -33,9 +33,8 @@ struct NetworkSnapshot {
 /**
  * Follows NetworkManager and publishes what it says.
  *
- * Any signal of it that may matter leads to asking for all of its objects, so
- * that a snapshot is what NetworkManager held at one moment and no order of
- * signals is relied on.
+ * Any signal of it that may matter leads to asking it anew, so that no order of
+ * signals is relied on and none that is lost does lasting harm.
  */
 class NetworkMonitor {
 public:
@@ -77,10 +76,6 @@ private:
     void refresh_after(unsigned milliseconds);
     void refresh();
     void refresh_failed(const GError* error);
-    VariantPointer call(const char* path, const char* interface, const char* method,
-                        const char* answer_type, ErrorPointer* error);
-    VariantPointer get_state(NetworkState* state, ErrorPointer* error);
-    void update_profiles(GVariant* objects);
     void publish(NetworkSnapshot next);
     bool is_connected();
 

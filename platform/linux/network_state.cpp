@@ -10,12 +10,6 @@ namespace linux_platform {
 
 namespace {
 
-constexpr const char* MANAGER_PATH = "/org/freedesktop/NetworkManager";
-constexpr const char* MANAGER = "org.freedesktop.NetworkManager";
-constexpr const char* DEVICE = "org.freedesktop.NetworkManager.Device";
-constexpr const char* ACTIVE = "org.freedesktop.NetworkManager.Connection.Active";
-constexpr const char* CONNECTION = "org.freedesktop.NetworkManager.Settings.Connection";
-
 constexpr const char* LOOPBACK = "loopback";
 
 // NetworkManager's numbers, from its nm-dbus-types.
@@ -68,92 +62,7 @@ int connected_state(connection_type_e type) {
                                             : static_cast<int>(CONNECTION_WIFI_STATE_CONNECTED);
 }
 
-VariantPointer interface_of(GVariant* interfaces, const char* name) {
-    return VariantPointer(g_variant_lookup_value(interfaces, name, G_VARIANT_TYPE_VARDICT));
-}
-
-unsigned number_of(GVariant* properties, const char* name) {
-    guint32 number = 0;
-    g_variant_lookup(properties, name, "u", &number);
-    return number;
-}
-
-std::string text_of(GVariant* properties, const char* name) {
-    const VariantPointer value(g_variant_lookup_value(properties, name, nullptr));
-    if (!value || (!g_variant_is_of_type(value.get(), G_VARIANT_TYPE_STRING) &&
-                   !g_variant_is_of_type(value.get(), G_VARIANT_TYPE_OBJECT_PATH))) {
-        return {};
-    }
-    return g_variant_get_string(value.get(), nullptr);
-}
-
-struct ActiveConnection {
-    std::string path;
-    std::string type;
-    std::string uuid;
-    unsigned state = 0;
-    std::vector<std::string> devices;
-};
-
-struct Device {
-    unsigned kind = 0;
-    unsigned state = 0;
-};
-
-struct Objects {
-    std::string primary;
-    std::vector<ActiveConnection> active;
-    std::map<std::string, Device> devices;
-};
-
-ActiveConnection read_active(const char* path, GVariant* properties) {
-    ActiveConnection active;
-    active.path = path;
-    active.type = text_of(properties, "Type");
-    active.uuid = text_of(properties, "Uuid");
-    active.state = number_of(properties, "State");
-    const VariantPointer devices(
-        g_variant_lookup_value(properties, "Devices", G_VARIANT_TYPE_OBJECT_PATH_ARRAY));
-    if (!devices) return active;
-    GVariantIter iterator;
-    g_variant_iter_init(&iterator, devices.get());
-    const char* device = nullptr;
-    while (g_variant_iter_next(&iterator, "&o", &device)) active.devices.emplace_back(device);
-    return active;
-}
-
-/** Calls with the path and the interfaces of each object. */
-template <typename Function>
-void for_each_object(GVariant* objects, Function function) {
-    GVariantIter iterator;
-    g_variant_iter_init(&iterator, objects);
-    const char* path = nullptr;
-    GVariant* next = nullptr;
-    while (g_variant_iter_next(&iterator, "{&o@a{sa{sv}}}", &path, &next)) {
-        const VariantPointer interfaces(next);
-        function(path, next);
-    }
-}
-
-Objects read_objects(GVariant* variant) {
-    Objects objects;
-    for_each_object(variant, [&objects](const char* path, GVariant* interfaces) {
-        if (strcmp(path, MANAGER_PATH) == 0) {
-            const VariantPointer manager = interface_of(interfaces, MANAGER);
-            if (manager) objects.primary = text_of(manager.get(), "PrimaryConnection");
-        }
-        if (const VariantPointer active = interface_of(interfaces, ACTIVE)) {
-            objects.active.push_back(read_active(path, active.get()));
-        }
-        if (const VariantPointer device = interface_of(interfaces, DEVICE)) {
-            objects.devices[path] = {number_of(device.get(), "DeviceType"),
-                                     number_of(device.get(), "State")};
-        }
-    });
-    return objects;
-}
-
-int profile_state(const ActiveConnection& active, const Objects& objects, bool way_out) {
+int profile_state(const ActiveConnection& active, const NetworkObjects& objects, bool way_out) {
     if (active.state == ACTIVE_STATE_ACTIVATED) {
         return way_out ? PROFILE_CONNECTED : PROFILE_CONFIGURING;
     }
@@ -167,14 +76,15 @@ int profile_state(const ActiveConnection& active, const Objects& objects, bool w
     return PROFILE_ASSOCIATING;
 }
 
-std::map<connection_type_e, int> device_states(const Objects& objects, connection_type_e current) {
+std::map<connection_type_e, int> device_states(const NetworkObjects& objects,
+                                               connection_type_e current) {
     std::map<connection_type_e, int> states = {{CONNECTION_TYPE_WIFI, DEVICE_STATE_NONE},
                                                {CONNECTION_TYPE_CELLULAR, DEVICE_STATE_NONE},
                                                {CONNECTION_TYPE_ETHERNET, DEVICE_STATE_NONE},
                                                {CONNECTION_TYPE_BT, DEVICE_STATE_NONE}};
     for (const auto& [path, device] : objects.devices) {
         for (const DeviceKind& kind : DEVICE_KINDS) {
-            if (kind.number != device.kind || device.state < STATE_DISCONNECTED) continue;
+            if (kind.number != device.type || device.state < STATE_DISCONNECTED) continue;
             const int state = device.state == STATE_ACTIVATED
                                   ? connected_state(kind.type)
                                   : static_cast<int>(DEVICE_STATE_DISCONNECTED);
@@ -188,17 +98,7 @@ std::map<connection_type_e, int> device_states(const Objects& objects, connectio
 
 }  // namespace
 
-std::vector<std::string> profile_paths(GVariant* objects) {
-    std::vector<std::string> paths;
-    for_each_object(objects, [&paths](const char* path, GVariant* interfaces) {
-        if (interface_of(interfaces, CONNECTION)) paths.emplace_back(path);
-    });
-    std::sort(paths.begin(), paths.end());
-    return paths;
-}
-
-NetworkState network_state(GVariant* variant) {
-    const Objects objects = read_objects(variant);
+NetworkState network_state(const NetworkObjects& objects) {
     NetworkState state;
     for (const ActiveConnection& active : objects.active) {
         // NetworkManager names the primary connection some time before it is ready.
@@ -223,11 +123,16 @@ bool read_profile(GVariant* settings, Profile* profile) {
     const VariantPointer connection(
         g_variant_lookup_value(settings, "connection", G_VARIANT_TYPE_VARDICT));
     if (!connection) return false;
-    const std::string type = text_of(connection.get(), "type");
-    profile->uuid = text_of(connection.get(), "uuid");
-    profile->name = text_of(connection.get(), "id");
-    if (type.empty() || profile->uuid.empty() || type == LOOPBACK) return false;
-    const ConnectionKind& kind = connection_kind(type.c_str());
+    const char* type = "";
+    const char* uuid = "";
+    const char* name = "";
+    g_variant_lookup(connection.get(), "type", "&s", &type);
+    g_variant_lookup(connection.get(), "uuid", "&s", &uuid);
+    g_variant_lookup(connection.get(), "id", "&s", &name);
+    if (!*type || !*uuid || strcmp(type, LOOPBACK) == 0) return false;
+    profile->uuid = uuid;
+    profile->name = name;
+    const ConnectionKind& kind = connection_kind(type);
     profile->type = kind.profile_type;
     profile->hardware = kind.name != nullptr;
     gint32 priority = 0;

@@ -34,7 +34,34 @@ struct Profile {
     int priority = 0;
 };
 
-/** What NetworkManager says at one moment, in the terms of this platform. */
+/** One of NetworkManager's active connections: a profile on its way to a device, or there. */
+struct ActiveConnection {
+    std::string path;
+    /** A connection type such as "802-3-ethernet". */
+    std::string type;
+    std::string uuid;
+    /** NMActiveConnectionState. */
+    unsigned state = 0;
+    std::vector<std::string> devices;
+};
+
+/** One of NetworkManager's devices. */
+struct Device {
+    /** NMDeviceType and NMDeviceState. */
+    unsigned type = 0;
+    unsigned state = 0;
+};
+
+/** NetworkManager's objects that say something about connections. */
+struct NetworkObjects {
+    /** The path of the active connection that leads out of the device, "/" for none. */
+    std::string primary;
+    std::vector<ActiveConnection> active;
+    /** By path. */
+    std::map<std::string, Device> devices;
+};
+
+/** What they say, in the terms of this platform. */
 struct NetworkState {
     /** The device's connection; disconnected until the primary one is ready for use. */
     connection_type_e type = CONNECTION_TYPE_DISCONNECTED;
@@ -44,15 +71,7 @@ struct NetworkState {
     std::map<std::string, int> profile_states;
 };
 
-/** The paths of the connections in NetworkManager's objects, in order of path. */
-std::vector<std::string> profile_paths(GVariant* objects);
-
-/**
- * The state from NetworkManager's objects.
- *
- * @param objects  "a{oa{sa{sv}}}", the answer of its GetManagedObjects; borrowed
- */
-NetworkState network_state(GVariant* objects);
+NetworkState network_state(const NetworkObjects& objects);
 
 /**
  * A profile from the settings of a connection.

@@ -113,7 +113,7 @@ TEST_F(Network, ProfilesKeepTheirOrderAndHandles) {
     ASSERT_EQ(probe.ask("profiles"), order);
 
     service("kill network");
-    EXPECT_EQ(probe.ask("profiles"), "-107");
+    EXPECT_TRUE(probe.comes_to("profiles", "-107"));
     service("start network");
     ASSERT_EQ(probe.ask("watch-type"), "0");
     // The service numbers its connections anew; the handles are the same ones.
@@ -173,8 +173,8 @@ TEST_F(NetworkOutage, ServicesThatComeLateAreHeard) {
     for (const std::string late : {"network", "system-bus network"}) {
         service("kill " + late);
         Probe probe;
-        EXPECT_EQ(probe.ask("type"), "-107 77") << late;
-        EXPECT_EQ(probe.ask("state ethernet"), "-107 77");
+        EXPECT_EQ(probe.ask("type"), "-107 -77") << late;
+        EXPECT_EQ(probe.ask("state ethernet"), "-107 -77");
         EXPECT_EQ(probe.ask("profiles"), "-107");
         ASSERT_EQ(probe.ask("watch-type"), "0");
         service("start " + late);
@@ -217,10 +217,10 @@ TEST_F(NetworkOutage, AHangingServiceIsWaitedForOnceAndNotForLong) {
         service("pause " + hanging);
         Probe probe;
         const auto begin = std::chrono::steady_clock::now();
-        EXPECT_EQ(probe.ask("type"), "-110 77") << hanging;
+        EXPECT_EQ(probe.ask("type"), "-110 -77") << hanging;
         EXPECT_LT(std::chrono::steady_clock::now() - begin, 1500ms) << hanging;
         const auto next = std::chrono::steady_clock::now();
-        EXPECT_EQ(probe.ask("type"), "-110 77") << hanging;
+        EXPECT_EQ(probe.ask("type"), "-110 -77") << hanging;
         EXPECT_EQ(probe.ask("profiles"), "-110") << hanging;
         ASSERT_EQ(probe.ask("watch-type"), "0") << hanging;
         EXPECT_LT(std::chrono::steady_clock::now() - next, 500ms) << hanging;

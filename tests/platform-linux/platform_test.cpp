@@ -54,6 +54,7 @@ void PlatformTest::SetUp() {
     if (!test_support::in_linux_services()) GTEST_SKIP() << test_support::NO_NAMESPACES;
     static bool fresh = true;
     if (!fresh) {
+        services("resume");
         service("start");
         shell(RESTORE);
     }

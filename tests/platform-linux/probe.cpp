@@ -38,6 +38,9 @@
 
 namespace {
 
+/** What output parameters hold before a call. */
+constexpr int UNTOUCHED = -77;
+
 GMainLoop* main_loop = nullptr;
 connection_h connection = nullptr;
 std::vector<connection_profile_h> profiles;
@@ -85,22 +88,30 @@ void watch(std::istream& arguments) {
 void get(std::istream& arguments) {
     std::string key;
     arguments >> key;
-    int value = -77;
+    int value = UNTOUCHED;
     const int result = vconf_get_int(key.c_str(), &value);
     say("get %d %d", result, value);
 }
 
+/** Room for an enumeration's value, beginning with one that no enumeration has. */
+template <typename Enumeration>
+struct Room {
+    static_assert(sizeof(Enumeration) == sizeof(int));
+    int value = UNTOUCHED;
+    Enumeration* get() { return reinterpret_cast<Enumeration*>(&value); }
+};
+
 void type(std::istream& /*arguments*/) {
-    auto value = static_cast<connection_type_e>(77);
-    const int result = connection_get_type(connection, &value);
-    say("type %d %d", result, value);
+    Room<connection_type_e> room;
+    const int result = connection_get_type(connection, room.get());
+    say("type %d %d", result, room.value);
 }
 
 template <typename State>
 void say_state(int (*query)(connection_h, State*)) {
-    auto value = static_cast<State>(77);
-    const int result = query(connection, &value);
-    say("state %d %d", result, static_cast<int>(value));
+    Room<State> room;
+    const int result = query(connection, room.get());
+    say("state %d %d", result, room.value);
 }
 
 void state(std::istream& arguments) {
@@ -123,12 +134,12 @@ void list_profiles(std::istream& /*arguments*/) {
     std::ostringstream list;
     while (connection_profile_iterator_has_next(iterator)) {
         connection_profile_h profile = nullptr;
-        auto type = static_cast<connection_profile_type_e>(77);
+        Room<connection_profile_type_e> type;
         connection_profile_iterator_next(iterator, &profile);
-        connection_profile_get_type(profile, &type);
+        connection_profile_get_type(profile, type.get());
         auto known = std::find(profiles.begin(), profiles.end(), profile);
         if (known == profiles.end()) known = profiles.insert(profiles.end(), profile);
-        list << ' ' << known - profiles.begin() << ':' << type;
+        list << ' ' << known - profiles.begin() << ':' << type.value;
     }
     connection_destroy(iterator);
     say("profiles %d%s", result, list.str().c_str());
@@ -148,14 +159,14 @@ void unwatch_profile(std::istream& arguments) {
 }
 
 void misuse(std::istream& /*arguments*/) {
-    int integer = 77;
+    int integer = UNTOUCHED;
     char* text = nullptr;
     connection_h gone = nullptr;
     connection_create(&gone);
     connection_destroy(gone);
-    auto connection_type = static_cast<connection_type_e>(77);
-    auto wifi = static_cast<connection_wifi_state_e>(77);
-    auto profile_type = static_cast<connection_profile_type_e>(77);
+    Room<connection_type_e> connection_type;
+    Room<connection_wifi_state_e> wifi;
+    Room<connection_profile_type_e> profile_type;
     connection_profile_iterator_h iterator = nullptr;
     connection_profile_h profile = nullptr;
     const std::map<std::string, int> results = {
@@ -169,15 +180,15 @@ void misuse(std::istream& /*arguments*/) {
         {"create into nothing", connection_create(nullptr)},
         {"destroy of null", connection_destroy(nullptr)},
         {"destroy twice", connection_destroy(gone)},
-        {"type of a destroyed client", connection_get_type(gone, &connection_type)},
+        {"type of a destroyed client", connection_get_type(gone, connection_type.get())},
         {"type into nothing", connection_get_type(connection, nullptr)},
-        {"state of a destroyed client", connection_get_wifi_state(gone, &wifi)},
+        {"state of a destroyed client", connection_get_wifi_state(gone, wifi.get())},
         {"callback on a destroyed client", connection_set_type_changed_cb(gone, on_type, nullptr)},
         {"no callback", connection_set_type_changed_cb(connection, nullptr, nullptr)},
         {"walk of a destroyed client",
          connection_get_profile_iterator(gone, CONNECTION_ITERATOR_TYPE_REGISTERED, &iterator)},
         {"next of null", connection_profile_iterator_next(nullptr, &profile)},
-        {"type of no profile", connection_profile_get_type(nullptr, &profile_type)},
+        {"type of no profile", connection_profile_get_type(nullptr, profile_type.get())},
         {"callback on no profile",
          connection_profile_set_state_changed_cb(nullptr, on_profile, nullptr)},
         {"no callback on no profile", connection_profile_unset_state_changed_cb(nullptr)},
@@ -187,8 +198,9 @@ void misuse(std::istream& /*arguments*/) {
     for (const auto& [what, result] : results) {
         if (result == 0) say("accepted: %s", what.c_str());
     }
-    const bool touched = integer != 77 || text || connection_type != 77 || wifi != 77 || iterator ||
-                         profile || profile_type != 77;
+    const bool touched = integer != UNTOUCHED || text || connection_type.value != UNTOUCHED ||
+                         wifi.value != UNTOUCHED || iterator || profile ||
+                         profile_type.value != UNTOUCHED;
     say("misuse %d", touched);
 }
 
