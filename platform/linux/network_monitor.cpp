@@ -1,7 +1,6 @@
 #include "network_monitor.h"
 
 #include "log.h"
-#include "network_manager.h"
 
 #include <algorithm>
 #include <utility>
@@ -13,8 +12,13 @@ namespace {
 /** An activation is dozens of signals; those that come together are one refresh. */
 constexpr unsigned GATHER_MS = 2;
 
-/** While a profile is activated anew there is no connection for about a millisecond. */
-constexpr unsigned SETTLE_MS = 20;
+/**
+ * A loss is reported when it lasts this long, or this long while a profile is
+ * being activated: activating one anew takes the connection away for a moment.
+ */
+constexpr int SETTLE_MS = 20;
+constexpr int ACTIVATION_MS = 100;
+constexpr int SETTLE_STEP_MS = 10;
 
 constexpr unsigned FIRST_RETRY_MS = 50;
 constexpr unsigned LAST_RETRY_MS = 3000;
@@ -108,15 +112,8 @@ int NetworkMonitor::on_refresh_due(void* self) {
 void NetworkMonitor::refresh() {
     const NetworkManager service(bus_.connection());
     ErrorPointer error;
-    NetworkObjects objects;
     NetworkSnapshot next;
-    bool answered = service.read_objects(&objects, &error);
-    if (answered) next.state = network_state(objects);
-    if (answered && next.state.type == CONNECTION_TYPE_DISCONNECTED && is_connected()) {
-        g_usleep(SETTLE_MS * G_TIME_SPAN_MILLISECOND);
-        answered = service.read_objects(&objects, &error);
-        next.state = network_state(objects);
-    }
+    bool answered = read_settled(service, &next.state, &error);
     if (answered && profiles_outdated_) {
         profiles_outdated_ = false;
         answered = service.read_profiles(&profiles_, &error);
@@ -129,6 +126,19 @@ void NetworkMonitor::refresh() {
     next.available = true;
     next.profiles = profiles_;
     publish(std::move(next));
+}
+
+bool NetworkMonitor::read_settled(const NetworkManager& service, NetworkState* state,
+                                  ErrorPointer* error) {
+    const bool was_connected = is_connected();
+    for (int waited = 0;; waited += SETTLE_STEP_MS) {
+        NetworkObjects objects;
+        if (!service.read_objects(&objects, error)) return false;
+        *state = network_state(objects);
+        const bool lost = was_connected && state->type == CONNECTION_TYPE_DISCONNECTED;
+        if (!lost || waited >= (is_activating(objects) ? ACTIVATION_MS : SETTLE_MS)) return true;
+        g_usleep(SETTLE_STEP_MS * G_TIME_SPAN_MILLISECOND);
+    }
 }
 
 void NetworkMonitor::refresh_failed(const GError* error) {

@@ -2,6 +2,7 @@
 
 #include "bus_client.h"
 #include "main_loop_call.h"
+#include "network_manager.h"
 #include "network_state.h"
 
 #include <chrono>
@@ -75,6 +76,7 @@ private:
     void disconnected();
     void refresh_after(unsigned milliseconds);
     void refresh();
+    bool read_settled(const NetworkManager& service, NetworkState* state, ErrorPointer* error);
     void refresh_failed(const GError* error);
     void publish(NetworkSnapshot next);
     bool is_connected();

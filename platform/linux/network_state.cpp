@@ -119,6 +119,11 @@ NetworkState network_state(const NetworkObjects& objects) {
     return state;
 }
 
+bool is_activating(const NetworkObjects& objects) {
+    return std::any_of(objects.active.begin(), objects.active.end(),
+                       [](const auto& active) { return active.state == ACTIVE_STATE_ACTIVATING; });
+}
+
 bool read_profile(GVariant* settings, Profile* profile) {
     const VariantPointer connection(
         g_variant_lookup_value(settings, "connection", G_VARIANT_TYPE_VARDICT));

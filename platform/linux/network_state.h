@@ -73,6 +73,9 @@ struct NetworkState {
 
 NetworkState network_state(const NetworkObjects& objects);
 
+/** Whether a profile is on its way to being connected. */
+bool is_activating(const NetworkObjects& objects);
+
 /**
  * A profile from the settings of a connection.
  *

@@ -7,6 +7,7 @@ namespace platform_linux_test {
 namespace {
 
 const char* const RESTORE = R"(
+rm -f /run/go-on
 mountpoint -q /etc/os-release && umount /etc/os-release
 for link in $(ip -o link | sed -n 's/^[0-9]*: \(test[a-z0-9]*\).*/\1/p'); do ip link del $link; done
 ip link set far0 up
@@ -73,6 +74,12 @@ void PlatformTest::service(const std::string& arguments) {
 
 void PlatformTest::write_setting(const std::string& key, const std::string& value) {
     must("dconf write /" + key + " \"" + value + "\"");
+}
+
+void PlatformTest::await_network(const std::string& state) {
+    must("for i in $(seq 400); do [ \"$(nmcli -t -f STATE general)\" = " + state +
+         " ] && exit; sleep 0.02; done; exit 1");
+    std::this_thread::sleep_for(200ms);
 }
 
 void PlatformTest::add_wired(const std::string& name, const std::string& more) {

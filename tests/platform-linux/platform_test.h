@@ -50,6 +50,9 @@ protected:
 
     static void write_setting(const std::string& key, const std::string& value);
 
+    /** Waits until NetworkManager is in this state, and the platform has had time to see it. */
+    static void await_network(const std::string& state);
+
     /** Adds a profile for the wired port, which NetworkManager activates at once. */
     static void add_wired(const std::string& name, const std::string& more = "");
 };

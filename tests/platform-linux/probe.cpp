@@ -12,7 +12,7 @@
  *   firmware                     key 1104
  *   log PRIORITY MESSAGE         a line under the tag "probe"
  *   log-burst COUNT              as many lines at once
- *   block MILLISECONDS           keeps the main loop from running
+ *   block FILE                   keeps the main loop from running until the file is there
  *
  * SIGUSR1 logs a line from the signal handler.
  */
@@ -230,9 +230,9 @@ void log_burst(std::istream& arguments) {
 }
 
 void block(std::istream& arguments) {
-    unsigned milliseconds = 0;
-    arguments >> milliseconds;
-    g_usleep(milliseconds * 1000UL);
+    std::string file;
+    arguments >> file;
+    while (access(file.c_str(), F_OK) != 0) g_usleep(1000);
     say("block");
 }
 
