@@ -24,7 +24,8 @@ constexpr std::chrono::milliseconds PATIENCE = 8s;
 /** The probe program (probe.cpp), with events that tests wait for. */
 class Probe : public test_support::LineProcess {
 public:
-    Probe() : LineProcess({PROBE}) {}
+    /** @param prefix  a command to run it with, such as env(1) with arguments */
+    explicit Probe(std::vector<std::string> prefix = {}) : LineProcess(command(prefix)) {}
 
     /** Sends a command and gives its answer, without the time and the command's name. */
     std::string ask(const std::string& command);
@@ -37,6 +38,12 @@ public:
 
     /** No such event is there or comes within the time; forgets all others. */
     testing::AssertionResult sees_no(const std::string& event, std::chrono::milliseconds time);
+
+private:
+    static std::vector<std::string> command(std::vector<std::string> prefix) {
+        prefix.emplace_back(PROBE);
+        return prefix;
+    }
 };
 
 /** Every service runs, no setting is set, no profile exists and the cable is plugged in. */

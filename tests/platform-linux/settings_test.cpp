@@ -87,6 +87,18 @@ TEST_F(Settings, AChangeDuringABusyMainLoopIsReportedAfterIt) {
     EXPECT_TRUE(probe.sees_no("setting", 100ms));
 }
 
+TEST_F(Settings, AServiceWithoutASessionUsesRootsBus) {
+    // As a system unit has it; nor does it share dconf's mark of changes then.
+    Probe probe({"env", "-u", "XDG_RUNTIME_DIR"});
+    ASSERT_EQ(probe.ask("watch db/test/value"), "0");
+    for (int value = 1; value < 4; ++value) {
+        const std::string text = std::to_string(value);
+        write_setting("db/test/value", text);
+        EXPECT_TRUE(probe.sees("setting db/test/value 41 " + text));
+        EXPECT_EQ(probe.ask("get db/test/value"), "0 " + text);
+    }
+}
+
 // --- Without the services ----------------------------------------------------
 
 TEST_F(Settings, ABusThatComesLateIsHeard) {
