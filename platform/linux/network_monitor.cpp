@@ -84,7 +84,7 @@ void NetworkMonitor::disconnected() { publish({}); }
 void NetworkMonitor::on_signal(GDBusConnection* /*connection*/, const char* /*sender*/,
                                const char* /*path*/, const char* /*interface*/,
                                const char* /*signal*/, GVariant* /*parameters*/, void* self) {
-    static_cast<NetworkMonitor*>(self)->refresh_after(GATHER_MS);
+    static_cast<NetworkMonitor*>(self)->refresh_soon();
 }
 
 void NetworkMonitor::on_profile_signal(GDBusConnection* /*connection*/, const char* /*sender*/,
@@ -93,23 +93,41 @@ void NetworkMonitor::on_profile_signal(GDBusConnection* /*connection*/, const ch
                                        void* self) {
     auto* monitor = static_cast<NetworkMonitor*>(self);
     monitor->profiles_outdated_ = true;
-    monitor->refresh_after(GATHER_MS);
+    monitor->refresh_soon();
 }
 
-void NetworkMonitor::refresh_after(unsigned milliseconds) {
+void NetworkMonitor::refresh_soon() {
     if (refresh_due_) return;
     refresh_due_ = true;
-    bus_.call_after(milliseconds, &NetworkMonitor::on_refresh_due, this);
+    bus_.call_after(
+        GATHER_MS,
+        [](void* self) -> int {
+            auto* monitor = static_cast<NetworkMonitor*>(self);
+            monitor->refresh_due_ = false;
+            monitor->refresh();
+            return G_SOURCE_REMOVE;
+        },
+        this);
 }
 
-int NetworkMonitor::on_refresh_due(void* self) {
-    auto* monitor = static_cast<NetworkMonitor*>(self);
-    monitor->refresh_due_ = false;
-    if (monitor->bus_.connection()) monitor->refresh();
-    return G_SOURCE_REMOVE;
+void NetworkMonitor::retry_later() {
+    if (retry_due_) return;
+    retry_due_ = true;
+    bus_.call_after(
+        retry_ms_,
+        [](void* self) -> int {
+            auto* monitor = static_cast<NetworkMonitor*>(self);
+            monitor->retry_due_ = false;
+            monitor->refresh();
+            return G_SOURCE_REMOVE;
+        },
+        this);
+    retry_ms_ = std::min(retry_ms_ * 2, LAST_RETRY_MS);
 }
 
 void NetworkMonitor::refresh() {
+    // It may have come due after the connection was lost.
+    if (!bus_.connection()) return;
     const NetworkManager service(bus_.connection());
     ErrorPointer error;
     NetworkSnapshot next;
@@ -152,8 +170,7 @@ void NetworkMonitor::refresh_failed(const GError* error) {
     }
     log_error("ad-network: %s does not tell its state: %s; trying on", NetworkManager::SERVICE,
               error->message);
-    refresh_after(retry_ms_);
-    retry_ms_ = std::min(retry_ms_ * 2, LAST_RETRY_MS);
+    retry_later();
 }
 
 bool NetworkMonitor::is_connected() {
@@ -162,9 +179,10 @@ bool NetworkMonitor::is_connected() {
 }
 
 void NetworkMonitor::publish(NetworkSnapshot next) {
+    bool changed = false;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        static const NetworkSnapshot nothing;
+        const NetworkSnapshot nothing;
         const NetworkSnapshot& last = snapshot_ ? *snapshot_ : nothing;
         next.type_change = next.state.type == last.state.type ? last.type_change : ++changes_;
         for (const auto& [uuid, state] : next.state.profile_states) {
@@ -172,10 +190,12 @@ void NetworkMonitor::publish(NetworkSnapshot next) {
             const bool same = before != last.state.profile_states.end() && before->second == state;
             next.profile_changes[uuid] = same ? last.profile_changes.at(uuid) : ++changes_;
         }
+        changed =
+            next.type_change != last.type_change || next.profile_changes != last.profile_changes;
         snapshot_ = std::make_shared<const NetworkSnapshot>(std::move(next));
     }
     published_.notify_all();
-    changed_->request();
+    if (changed) changed_->request();
 }
 
 }  // namespace linux_platform

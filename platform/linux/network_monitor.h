@@ -69,12 +69,12 @@ private:
     static void on_profile_signal(GDBusConnection* connection, const char* sender, const char* path,
                                   const char* interface, const char* signal, GVariant* parameters,
                                   void* self);
-    static int on_refresh_due(void* self);
 
     // On the bus client's thread.
     void connected();
     void disconnected();
-    void refresh_after(unsigned milliseconds);
+    void refresh_soon();
+    void retry_later();
     void refresh();
     bool read_settled(const NetworkManager& service, NetworkState* state, ErrorPointer* error);
     void refresh_failed(const GError* error);
@@ -87,6 +87,7 @@ private:
 
     // Of the bus client's thread.
     bool refresh_due_ = false;
+    bool retry_due_ = false;
     unsigned retry_ms_ = 0;
     std::vector<Profile> profiles_;
     bool profiles_outdated_ = true;
