@@ -36,9 +36,10 @@ enum { AD_AGENT_NO_UPDATE = 0, AD_AGENT_UPDATE_DOWNLOADED = 1 };
 #define AD_AGENT_VERSION_BUFFER_SIZE 20
 
 /**
- * Starts the library: names, in one line, the file that it was loaded from.
- * Touches neither the network nor a file.
- * @return AD_AGENT_OK
+ * Starts the library: names, in one line, the file that it was loaded from, and
+ * notes whether the libraries that were installed last could be loaded: their image
+ * is not taken again if not. Does not touch the network.
+ * @return AD_AGENT_OK, or AD_AGENT_FAILED when memory runs out
  */
 AD_AGENT_API int ad_agent_init(void);
 
@@ -61,22 +62,25 @@ AD_AGENT_API int ad_agent_clear(void);
 AD_AGENT_API int ad_agent_config_server(const char* url_path);
 
 /**
- * Asks the content server for its newest image and downloads it to
- * "/opt/usr/apps/adagent/zelADAgent.img" when it is newer than the installed
- * one: when its version is the greater number. Either the whole image, checked
- * by size and SHA-256, is there in the end or what was there before.
+ * Leaves an image to install at "/opt/usr/apps/adagent/zelADAgent.img". That is the
+ * stored image again, without asking the server, when its version is not the one
+ * that the cache manifest records: its installation was cut. Else it is the content
+ * server's newest image when that is newer than all that is here, for this firmware,
+ * and not one whose library failed to load here before. Either the whole image,
+ * checked by size and SHA-256, is there in the end or what was there before; a
+ * download that was cut is kept and gone on with by the next call.
  * Blocks for at most the "document" and "image" time-outs together, and ends
  * early when a signal handler runs.
- * @param installed_version  the installed image's version as a decimal fraction;
- *                           text that does not start with a number, or NULL, is 0
- * @return AD_AGENT_UPDATE_DOWNLOADED, or AD_AGENT_NO_UPDATE when there is nothing
- *         newer and in every case of failure
+ * @param stored_version  the version of the image in the store as a decimal fraction;
+ *                        text that does not start with a number, or NULL, is 0
+ * @return AD_AGENT_UPDATE_DOWNLOADED when an image is to be installed, or
+ *         AD_AGENT_NO_UPDATE when there is none and in every case of failure
  */
-AD_AGENT_API int ad_agent_update(const char* installed_version);
+AD_AGENT_API int ad_agent_update(const char* stored_version);
 
 /**
  * Records the version of the libraries that were just installed in the cache
- * manifest, "/opt/usr/apps/adagent/zelADAgentCache.xml".
+ * manifest, "/opt/usr/apps/adagent/zelADAgentCache.xml", and which image they are of.
  * @param version  the version, UTF-8 text
  * @return AD_AGENT_OK or AD_AGENT_FAILED
  */

@@ -9,6 +9,7 @@
 
 #include <dlfcn.h>
 #include <glib.h>
+#include <unistd.h>
 
 namespace {
 
@@ -17,8 +18,20 @@ using ad_agent::log_line;
 
 static_assert(AD_AGENT_VERSION_BUFFER_SIZE == ad_agent::MAX_VERSION_LENGTH + 1);
 
+constexpr char UPDATABLE_LIBRARY[] = "/opt/usr/lib/libad-agent-fwk.so";
+
+/**
+ * Looked up while this copy is being loaded: by ad_agent_init() the host has
+ * removed an updatable copy that it could not load.
+ */
+const bool updatable_was_there = access(UPDATABLE_LIBRARY, F_OK) == 0;
+
 /** The library on this device. */
-Agent device_agent() { return Agent("/opt/etc/ad-agent.conf", "/opt/usr/apps/adagent"); }
+Agent device_agent() {
+    return Agent({"/opt/etc/ad-agent.conf", "/opt/usr/apps/adagent",
+                  "/opt/down/zels/zelADAgent_img/zelADAgent.img", UPDATABLE_LIBRARY,
+                  "/usr/lib/libad-agent-fwk.so", "/usr/bin/zels/zelADAgent/zelADAgent.xml"});
+}
 
 /** Runs an entry's work; memory that runs out must not end the host. */
 template <typename Work>
@@ -43,7 +56,10 @@ int ad_agent_init() {
     const bool found = dladdr(reinterpret_cast<void*>(&ad_agent_init), &info) != 0;
     const char* file = found && info.dli_fname ? info.dli_fname : "an unknown file";
     log_line(std::string("loaded from ") + file);
-    return AD_AGENT_OK;
+    return guarded(__func__, AD_AGENT_FAILED, [&] {
+        device_agent().loaded_from(file, updatable_was_there);
+        return AD_AGENT_OK;
+    });
 }
 
 int ad_agent_clear() { return AD_AGENT_OK; }
@@ -55,10 +71,10 @@ int ad_agent_config_server(const char* url_path) {
     });
 }
 
-int ad_agent_update(const char* installed_version) {
+int ad_agent_update(const char* stored_version) {
     return guarded(__func__, AD_AGENT_NO_UPDATE, [&] {
         const bool downloaded =
-            device_agent().update(installed_version ? installed_version : ad_agent::NO_VERSION);
+            device_agent().update(stored_version ? stored_version : ad_agent::NO_VERSION);
         return downloaded ? AD_AGENT_UPDATE_DOWNLOADED : AD_AGENT_NO_UPDATE;
     });
 }

@@ -1,6 +1,6 @@
 #include "configuration_document.h"
 
-#include "fetch.h"
+#include "kept_document.h"
 
 #include <algorithm>
 
@@ -42,14 +42,15 @@ bool keep_configuration_document(const Settings& settings, const DataFolder& fol
         message = "it is not a URL path of letters and digits";
         return false;
     }
-    const auto text = fetch_text(settings, url_path, MAX_DOCUMENT_SIZE, message);
-    if (!text) return false;
-    if (!is_json_object(*text)) {
-        message = settings.server_url + url_path + ": the answer is not a JSON object";
-        return false;
-    }
-    if (!folder.write(name, *text, message)) return false;
-    message = "kept as " + folder.path_of(name) + ", " + std::to_string(text->size()) + " bytes";
+    const auto problem_of = [](const std::string& text) {
+        return is_json_object(text) ? "" : "the answer is not a JSON object";
+    };
+    const auto document =
+        fetch_document(settings, folder, {url_path, name, MAX_DOCUMENT_SIZE, problem_of}, message);
+    if (!document) return false;
+    message = document->is_new ? "kept as " + folder.path_of(name) + ", " +
+                                     std::to_string(document->text.size()) + " bytes"
+                               : "has not changed";
     return true;
 }
 

@@ -6,15 +6,10 @@
 
 #include "transfer.h"
 
-#include <string>
-
 namespace ad_agent {
 
-/**
- * Loads libcurl into this process and fetches a URL in it.
- * @return whether all of it arrived, with the reason in error
- */
-bool run_curl_transfer(const TransferRequest& request, std::string& error);
+/** Loads libcurl into this process and fetches a URL in it; the error is without the URL. */
+TransferResult run_curl_transfer(const TransferRequest& request);
 
 }  // namespace ad_agent
 

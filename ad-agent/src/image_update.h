@@ -1,28 +1,26 @@
 /**
- * The update: a newer image from the content server.
+ * The update: which image the host is offered, if any.
  */
 #ifndef AD_AGENT_IMAGE_UPDATE_H
 #define AD_AGENT_IMAGE_UPDATE_H
 
 #include "data_folder.h"
-#include "settings.h"
+#include "places.h"
 
 #include <string>
 
 namespace ad_agent {
 
-/** The downloaded image's name in the data folder. */
-inline constexpr char IMAGE_NAME[] = "zelADAgent.img";
-
 /**
- * Asks the server for its newest image and downloads it when its version is
- * greater than the installed one. Either it is there whole, checked by size and
- * SHA-256, or what was there before.
- * @param message  gets what came of it, or why nothing did
- * @return whether a newer image lies in the data folder
+ * Leaves an image for the host in the data folder: the stored one again when its
+ * installation was cut, else a newer one that the server has for this device.
+ * @param stored_version  the version that the host reads in the stored image,
+ *                        NO_VERSION for none
+ * @param message         gets what came of it, or why nothing did
+ * @return whether an image lies in the data folder for the host to install
  */
-bool download_newer_image(const Settings& settings, const DataFolder& folder,
-                          const std::string& installed_version, std::string& message);
+bool offer_image(const Places& places, const DataFolder& folder, const std::string& stored_version,
+                 std::string& message);
 
 }  // namespace ad_agent
 

@@ -23,20 +23,39 @@ std::string base_url(const std::string& url) {
     return "";
 }
 
+/** Whether a reading failed because the file does not have the key. */
+bool is_absent(const GError* failure) {
+    return g_error_matches(failure, G_KEY_FILE_ERROR, G_KEY_FILE_ERROR_KEY_NOT_FOUND) ||
+           g_error_matches(failure, G_KEY_FILE_ERROR, G_KEY_FILE_ERROR_GROUP_NOT_FOUND);
+}
+
 /** Reads a time-out into seconds, which keeps its default when the key is not there. */
 bool read_timeout(GKeyFile* file, const char* key, int& seconds, std::string& error) {
     GError* failure = nullptr;
     const int value = g_key_file_get_integer(file, "timeouts", key, &failure);
     const OwnedError owned(failure);
-    if (failure && (g_error_matches(failure, G_KEY_FILE_ERROR, G_KEY_FILE_ERROR_KEY_NOT_FOUND) ||
-                    g_error_matches(failure, G_KEY_FILE_ERROR, G_KEY_FILE_ERROR_GROUP_NOT_FOUND)))
-        return true;
+    if (is_absent(failure)) return true;
     if (failure || value < 1 || value > MAX_TIMEOUT) {
         error = std::string("[timeouts] ") + key + " must be whole seconds from 1 to " +
                 std::to_string(MAX_TIMEOUT);
         return false;
     }
     seconds = value;
+    return true;
+}
+
+/** Reads how an https server is verified. */
+bool read_verification(GKeyFile* file, Settings& settings, std::string& error) {
+    GError* failure = nullptr;
+    const bool verify = g_key_file_get_boolean(file, "server", "verify", &failure) != FALSE;
+    const OwnedError owned(failure);
+    if (failure && !is_absent(failure)) {
+        error = "[server] verify must be true or false";
+        return false;
+    }
+    if (!failure) settings.verify = verify;
+    const OwnedText authorities(g_key_file_get_string(file, "server", "authorities", nullptr));
+    if (authorities) settings.authorities = authorities.get();
     return true;
 }
 
@@ -47,7 +66,8 @@ bool read_settings(GKeyFile* file, Settings& settings, std::string& error) {
         error = "[server] url must be an http://, https:// or file:// URL";
         return false;
     }
-    return read_timeout(file, "connect", settings.connect_timeout, error) &&
+    return read_verification(file, settings, error) &&
+           read_timeout(file, "connect", settings.connect_timeout, error) &&
            read_timeout(file, "stall", settings.stall_timeout, error) &&
            read_timeout(file, "document", settings.document_timeout, error) &&
            read_timeout(file, "image", settings.image_timeout, error);

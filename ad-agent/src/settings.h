@@ -13,6 +13,11 @@ struct Settings {
     /** The content server's base URL (http, https or file), without a slash at its end. */
     std::string server_url;
 
+    /** Whether the certificate of an https server must be good. */
+    bool verify = true;
+    /** A file of the authorities to believe (PEM) instead of the system's; empty for those. */
+    std::string authorities;
+
     /** Seconds until a connection must stand. */
     int connect_timeout = 10;
     /** Seconds without a byte after which a transfer is given up. */

@@ -18,9 +18,6 @@
 namespace ad_agent {
 namespace {
 
-/** What the transfer's process says of a success; all else is the reason of a failure. */
-constexpr char SUCCESS[] = "ok";
-
 /** Seconds that the process gets to load libcurl and to tell of a time-out itself. */
 constexpr int GRACE_SECONDS = 2;
 
@@ -91,11 +88,33 @@ void become_transfer_process(pid_t host) {
     sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
+/**
+ * What the transfer's process says in the end: a digit for the end, then the
+ * validator or the reason.
+ */
+std::string encode(const TransferResult& result) {
+    const bool complete = result.end == TransferEnd::COMPLETE;
+    return std::to_string(static_cast<int>(result.end)) +
+           (complete ? result.validator : result.error);
+}
+
+TransferResult decode(const std::string& answer) {
+    TransferResult result;
+    if (answer.empty()) {
+        result.error = "its process ended early";
+        return result;
+    }
+    result.end = static_cast<TransferEnd>(answer[0] - '0');
+    (result.end == TransferEnd::COMPLETE ? result.validator : result.error) = answer.substr(1);
+    return result;
+}
+
+TransferResult failure(const std::string& error) { return {TransferEnd::FAILED, "", error}; }
+
 /** Never returns: the host's exit handlers and its unwritten output are not ours to run. */
 [[noreturn]] void run_transfer_process(const TransferRequest& request, int pipe, pid_t host) {
     become_transfer_process(host);
-    std::string error;
-    const std::string answer = run_curl_transfer(request, error) ? SUCCESS : error;
+    const std::string answer = encode(run_curl_transfer(request));
     const bool told = write(pipe, answer.data(), answer.size()) >= 0;
     _exit(told ? EXIT_SUCCESS : EXIT_FAILURE);
 }
@@ -128,44 +147,36 @@ bool read_answer(int pipe, const sigset_t& waiting_mask, int seconds, std::strin
     }
 }
 
-bool run_transfer(const TransferRequest& request, std::string& error) {
+TransferResult run_transfer(const TransferRequest& request) {
     std::array<int, 2> ends = {-1, -1};
-    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
-        error = errno_text("pipe");
-        return false;
-    }
+    if (pipe2(ends.data(), O_CLOEXEC) != 0) return failure(errno_text("pipe"));
     const UniqueFd reading(ends[0]);
     UniqueFd writing(ends[1]);
 
     const BlockedSignals signals;
     const pid_t host = getpid();
     const pid_t pid = fork();
-    if (pid < 0) {
-        error = errno_text("fork");
-        return false;
-    }
+    if (pid < 0) return failure(errno_text("fork"));
     if (pid == 0) run_transfer_process(request, writing.get(), host);
 
     ChildProcess child(pid);
     writing.reset();
     std::string answer;
+    std::string error;
     if (!read_answer(reading.get(), signals.waiting_mask(), request.total_timeout + GRACE_SECONDS,
                      answer, error))
-        return false;
+        return failure(error);
     const int killer = child.wait();
-    if (answer == SUCCESS) return true;
-    error = answer;
-    if (killer != 0) error = "its process was killed by signal " + std::to_string(killer);
-    if (error.empty()) error = "its process ended early";
-    return false;
+    if (killer != 0) return failure("its process was killed by signal " + std::to_string(killer));
+    return decode(answer);
 }
 
 }  // namespace
 
-bool transfer(const TransferRequest& request, std::string& error) {
-    if (run_transfer(request, error)) return true;
-    error.insert(0, request.url + ": ");
-    return false;
+TransferResult transfer(const TransferRequest& request) {
+    TransferResult result = run_transfer(request);
+    if (!result.error.empty()) result.error.insert(0, request.url + ": ");
+    return result;
 }
 
 }  // namespace ad_agent

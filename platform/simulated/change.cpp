@@ -41,10 +41,11 @@ void add_profiles(const State& before, const State& after, std::vector<Placed>& 
 std::vector<Change> changes_between(const State& before, const State& after) {
     std::vector<Placed> placed;
     add_settings(before, after, placed);
-    if (before.connection_type != after.connection_type)
+    if (before.connection_type != after.connection_type) {
         placed.push_back(
             {after.connection_type_position,
              {Change::Kind::connection_type, {}, setting_none, after.connection_type}});
+    }
     add_profiles(before, after, placed);
     std::stable_sort(placed.begin(), placed.end(), [](const Placed& left, const Placed& right) {
         return left.first < right.first;

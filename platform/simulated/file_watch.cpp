@@ -1,41 +1,23 @@
 #include "file_watch.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <utility>
 
 #include <glib-unix.h>
-#include <sys/stat.h>
 
 namespace simulated_platform {
 
 namespace {
 
-constexpr uint32_t gone_events = IN_DELETE_SELF | IN_MOVE_SELF;
-constexpr uint32_t directory_events = IN_CLOSE_WRITE | IN_MOVED_TO | gone_events | IN_ONLYDIR;
-constexpr uint32_t ancestor_events = IN_CREATE | IN_MOVED_TO | gone_events | IN_ONLYDIR;
-
-/** How often to look again when a folder appears while its parent gets watched. */
-constexpr int follow_tries = 16;
-
-std::string parent_of(const std::string& path) {
-    const std::size_t slash = path.find_last_of('/');
-    return slash == 0 ? "/" : path.substr(0, slash);
-}
-
-std::string name_of(const std::string& path) { return path.substr(path.find_last_of('/') + 1); }
-
-bool is_directory(const std::string& path) {
-    struct stat status {};
-    return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
-}
+constexpr uint32_t directory_events = IN_CLOSE_WRITE | IN_MOVED_TO | IN_ONLYDIR;
+constexpr uint32_t ancestor_events = IN_CREATE | IN_MOVED_TO | IN_ONLYDIR;
 
 }  // namespace
 
 FileWatch::FileWatch(std::string path, std::function<void()> on_new)
     : path_(std::move(path)),
-      name_(name_of(path_)),
       on_new_(std::move(on_new)),
       inotify_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
     if (!inotify_) {
@@ -55,12 +37,12 @@ FileWatch::~FileWatch() {
     g_source_unref(source_);
 }
 
-gboolean FileWatch::dispatch(gint, GIOCondition, gpointer self) {
+gboolean FileWatch::dispatch(gint /*inotify*/, GIOCondition /*condition*/, gpointer self) {
     auto* watch = static_cast<FileWatch*>(self);
     Found found = watch->drain();
     if (found.place) {
         watch->follow();
-        found.content = watch->at_directory_;
+        found.content = watch->reaches_directory();
     }
     if (found.content) watch->on_new_();
     return G_SOURCE_CONTINUE;
@@ -83,35 +65,38 @@ FileWatch::Found FileWatch::drain() {
 
 void FileWatch::take(const inotify_event& event, Found& found) const {
     if (event.mask & IN_Q_OVERFLOW) found.place = true;
-    if (event.wd != watch_) return;
-    if (event.mask & (gone_events | IN_IGNORED)) {
-        found.place = true;
-    } else if (event.len > 0 && awaited_ == event.name) {
-        (at_directory_ ? found.content : found.place) = true;
+    for (const Watch& watch : watches_) {
+        if (watch.descriptor != event.wd || event.len == 0 || watch.awaited != event.name) continue;
+        (watch.is_last ? found.content : found.place) = true;
     }
 }
 
+/**
+ * From the root down: what comes into being below a directory after the look at
+ * it makes an event there.
+ */
 void FileWatch::follow() {
-    for (int tries = 0; tries < follow_tries; ++tries)
-        if (follow_once()) return;
-}
-
-/** False when the way to the file grew meanwhile. */
-bool FileWatch::follow_once() {
-    const int earlier = watch_;
-    watch_ = -1;
-    std::string below = path_;
-    while (watch_ < 0 && below != "/") {
-        const std::string directory = parent_of(below);
-        at_directory_ = below == path_;
-        watch_ = inotify_add_watch(inotify_.get(), directory.c_str(),
-                                   at_directory_ ? directory_events : ancestor_events);
-        if (watch_ >= 0) break;
-        below = directory;
+    const std::vector<Watch> earlier = std::exchange(watches_, {});
+    std::size_t slash = 0;
+    for (bool is_last = false; !is_last;) {
+        const std::string directory = slash == 0 ? "/" : path_.substr(0, slash);
+        const std::size_t next = path_.find('/', slash + 1);
+        is_last = next == std::string::npos;
+        const int descriptor = inotify_add_watch(inotify_.get(), directory.c_str(),
+                                                 is_last ? directory_events : ancestor_events);
+        if (descriptor < 0) {
+            error_ = errno == ENOENT || errno == ENOTDIR ? 0 : errno;
+            break;
+        }
+        watches_.push_back({descriptor, path_.substr(slash + 1, next - slash - 1), is_last});
+        slash = next;
     }
-    awaited_ = name_of(below);
-    if (earlier >= 0 && earlier != watch_) inotify_rm_watch(inotify_.get(), earlier);
-    return at_directory_ || !is_directory(below);
+    for (const Watch& old : earlier) {
+        const bool is_kept =
+            std::any_of(watches_.begin(), watches_.end(),
+                        [&old](const Watch& watch) { return watch.descriptor == old.descriptor; });
+        if (!is_kept) inotify_rm_watch(inotify_.get(), old.descriptor);
+    }
 }
 
 }  // namespace simulated_platform

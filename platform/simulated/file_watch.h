@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 #include <glib.h>
 #include <sys/inotify.h>
@@ -18,11 +19,10 @@ namespace simulated_platform {
  * context.
  *
  * What is watched is the file's directory, so that a file renamed over the old
- * one is seen too; while the directory is missing, its nearest ancestor that is
- * there. A file counts as new when it was closed after writing or moved to its
- * place, and when its directory came into being. Its removal does not count,
- * nor do a mount over the directory and a hard link, which inotify tells
- * nothing of that would be worth a wake-up.
+ * one is seen too, and the directories that lead there, so that it may be made
+ * later or anew. A file counts as new when it was closed after writing or moved
+ * to its place, and when its directory came into being. Its removal does not
+ * count, nor do a hard link and a mount over a directory.
  */
 class FileWatch {
 public:
@@ -37,31 +37,34 @@ public:
     FileWatch(const FileWatch&) = delete;
     FileWatch& operator=(const FileWatch&) = delete;
 
-    /** 0, or the errno(3) of inotify_init1(2) that keeps this from watching. */
+    /** 0, or the errno(3) of what kept this from watching when it was made. */
     int error() const { return error_; }
 
 private:
+    struct Watch {
+        int descriptor;
+        /** The name in that directory that leads on to the file, or is its own. */
+        std::string awaited;
+        bool is_last;
+    };
     struct Found {
         bool content = false;
         bool place = false;
     };
 
-    static gboolean dispatch(gint fd, GIOCondition condition, gpointer self);
+    static gboolean dispatch(gint inotify, GIOCondition condition, gpointer self);
     Found drain();
     void take(const inotify_event& event, Found& found) const;
     void follow();
-    bool follow_once();
+    bool reaches_directory() const { return !watches_.empty() && watches_.back().is_last; }
 
     std::string path_;
-    std::string name_;
     std::function<void()> on_new_;
     Descriptor inotify_;
     int error_ = 0;
     GSource* source_ = nullptr;
-    int watch_ = -1;
-    /** The name below the watched directory that leads on to the file. */
-    std::string awaited_;
-    bool at_directory_ = false;
+    /** From the root down, as far as there are directories. */
+    std::vector<Watch> watches_;
 };
 
 }  // namespace simulated_platform

@@ -38,10 +38,14 @@ public:
      *
      * @return the number of bytes written, or a negative errno(3) value
      */
-    int print(int priority, const char* tag, const char* format, std::va_list arguments)
+    int vprint(int priority, const char* tag, const char* format, std::va_list arguments)
         __attribute__((format(printf, 4, 0)));
 
-    /** From now on print() only returns this, until it is set to 0 again. */
+    /** The same for the arguments themselves. */
+    int print(int priority, const char* tag, const char* format, ...)
+        __attribute__((format(printf, 4, 5)));
+
+    /** From now on both only return this, until it is set to 0 again. */
     void force_result(int result) { forced_result_ = result; }
 
 private:

@@ -11,17 +11,6 @@
 
 namespace simulated_platform {
 
-namespace {
-
-__attribute__((format(printf, 2, 3))) void log_error(LogFile& log, const char* format, ...) {
-    std::va_list arguments;
-    va_start(arguments, format);
-    log.print(PLATFORM_LOG_ERROR, "PLATFORM", format, arguments);
-    va_end(arguments);
-}
-
-}  // namespace
-
 Platform::Platform(const std::string& path, LogFile& log)
     : log_(log),
       store_(
@@ -64,7 +53,7 @@ void Platform::changed(const Change& change) {
 
 void Platform::report(const std::string& line) {
     std::fprintf(stderr, "simulated platform: %s\n", line.c_str());
-    log_error(log_, "%s", line.c_str());
+    log_.print(PLATFORM_LOG_ERROR, "PLATFORM", "%s", line.c_str());
 }
 
 Platform& process_platform() {

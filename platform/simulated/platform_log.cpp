@@ -8,7 +8,7 @@
 int __dlog_print(int /*log_id*/, int priority, const char* tag, const char* format, ...) {
     std::va_list arguments;
     va_start(arguments, format);
-    const int result = simulated_platform::process_log().print(priority, tag, format, arguments);
+    const int result = simulated_platform::process_log().vprint(priority, tag, format, arguments);
     va_end(arguments);
     return result;
 }

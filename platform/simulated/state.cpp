@@ -4,8 +4,6 @@
 
 #include <algorithm>
 #include <array>
-#include <climits>
-#include <cstdlib>
 #include <memory>
 #include <utility>
 
@@ -34,7 +32,7 @@ constexpr std::array<Name, 4> profile_types{
     {{"cellular", 0}, {"wifi", 1}, {"ethernet", 2}, {"bluetooth", 3}}};
 constexpr std::array<Name, 2> truth_values{{{"false", 0}, {"true", 1}}};
 
-constexpr std::string_view profile_prefix = "profile ";
+constexpr char profile_prefix[] = "profile ";
 
 bool parse_int(const std::string& text, int& number) {
     gint64 wide = 0;
@@ -58,8 +56,9 @@ public:
     Parser(GKeyFile* file, std::string& reason) : file_(file), reason_(reason) {}
 
     bool run(State& state) {
-        if (!check_groups()) return false;
         const Texts groups(g_key_file_get_groups(file_, nullptr));
+        // What an interrupted writer has truncated; too little to mean anything.
+        if (!*groups.get()) return fail("it holds no group");
         for (gchar** group = groups.get(); *group; ++group)
             if (!read_group(*group, state)) return false;
         return order_profiles(state);
@@ -71,16 +70,16 @@ private:
         return false;
     }
 
+    bool fail_at(const std::string& group, const std::string& key, const std::string& what) {
+        std::string reason = "[";
+        reason.append(group).append("] ").append(key).append(": ").append(what);
+        return fail(reason);
+    }
+
     bool fail_value(const std::string& group, const std::string& key, const std::string& expected) {
         std::string value;
         text(group, key, value);
-        return fail("[" + group + "] " + key + ": \"" + value + "\" is not " + expected);
-    }
-
-    bool check_groups() {
-        gsize count = 0;
-        const Texts groups(g_key_file_get_groups(file_, &count));
-        return count > 0 || fail("it holds no group");
+        return fail_at(group, key, '"' + value + "\" is not " + expected);
     }
 
     bool text(const std::string& group, const std::string& key, std::string& value) {
@@ -88,7 +87,7 @@ private:
         const std::unique_ptr<gchar, decltype(&g_free)> found(
             g_key_file_get_string(file_, group.c_str(), key.c_str(), &error), g_free);
         const ErrorHandle owner(error);
-        if (!found) return fail("[" + group + "] " + key + ": " + error->message);
+        if (!found) return fail_at(group, key, error->message);
         value = found.get();
         return true;
     }
@@ -109,8 +108,7 @@ private:
     }
 
     bool read_group(const std::string& group, State& state) {
-        if (group.compare(0, profile_prefix.size(), profile_prefix) == 0)
-            return read_profile(group, state);
+        if (group.rfind(profile_prefix, 0) == 0) return read_profile(group, state);
         if (group != "settings" && group != "network" && group != "system" && group != "results")
             return fail("unknown group [" + group + "]");
         const Texts keys(g_key_file_get_keys(file_, group.c_str(), nullptr, nullptr));
@@ -184,7 +182,7 @@ private:
         if (key == "ethernet") return number(group, key, state.ethernet);
         if (key == "bluetooth") return number(group, key, state.bluetooth);
         if (key == "profiles") return read_profile_list(group, key);
-        return fail("[" + group + "] has the unknown key " + key);
+        return fail_at(group, key, "unknown key");
     }
 
     bool read_profile_list(const std::string& group, const std::string& key) {
@@ -192,11 +190,11 @@ private:
         const Texts list(
             g_key_file_get_string_list(file_, group.c_str(), key.c_str(), nullptr, &error));
         const ErrorHandle owner(error);
-        if (!list) return fail("[" + group + "] " + key + ": " + error->message);
+        if (!list) return fail_at(group, key, error->message);
         registered_.clear();
         for (gchar** name = list.get(); *name; ++name) {
             if (std::find(registered_.begin(), registered_.end(), *name) != registered_.end())
-                return fail("[" + group + "] " + key + " names " + *name + " twice");
+                return fail_at(group, key, std::string("it names ") + *name + " twice");
             registered_.emplace_back(*name);
         }
         return true;
@@ -204,7 +202,7 @@ private:
 
     bool read_profile(const std::string& group, State& state) {
         Profile profile;
-        profile.name = group.substr(profile_prefix.size());
+        profile.name = group.substr(sizeof profile_prefix - 1);
         profile.position = next_position_++;
         bool has_type = false;
         const Texts keys(g_key_file_get_keys(file_, group.c_str(), nullptr, nullptr));
@@ -216,16 +214,16 @@ private:
             } else if (key == "state") {
                 if (!number(group, key, profile.state)) return false;
             } else {
-                return fail("[" + group + "] has the unknown key " + key);
+                return fail_at(group, key, "unknown key");
             }
         }
-        if (!has_type) return fail("[" + group + "] has no type");
+        if (!has_type) return fail_at(group, "type", "it is missing");
         state.profiles.push_back(std::move(profile));
         return true;
     }
 
     bool read_system(const std::string& group, const std::string& key, State& state) {
-        if (key != "firmware") return fail("[" + group + "] has the unknown key " + key);
+        if (key != "firmware") return fail_at(group, key, "unknown key");
         std::string value;
         if (!text(group, key, value)) return false;
         state.firmware = std::move(value);
@@ -234,7 +232,7 @@ private:
 
     bool read_result(const std::string& group, const std::string& key, State& state) {
         const std::optional<Call> call = call_named(key);
-        if (!call) return fail("[" + group + "] has no call named " + key);
+        if (!call) return fail_at(group, key, "no call has that name");
         return number(group, key, state.results[static_cast<std::size_t>(*call)]);
     }
 
@@ -243,9 +241,7 @@ private:
         std::vector<Profile> ordered;
         for (const std::string& name : registered_) {
             const Profile* profile = state.profile(name);
-            if (!profile)
-                return fail("profile " + name + " has no group [" + std::string(profile_prefix) +
-                            name + "]");
+            if (!profile) return fail_at(profile_prefix + name, "type", "it is missing");
             ordered.push_back(*profile);
         }
         state.profiles = std::move(ordered);
@@ -289,8 +285,10 @@ std::optional<State> parse_state(std::string_view text, std::string& reason) {
         return std::nullopt;
     }
     State state;
-    if (!Parser(file.get(), reason).run(state)) return std::nullopt;
-    return state;
+    if (Parser(file.get(), reason).run(state)) return state;
+    // A value that it quotes may hold line ends.
+    std::replace(reason.begin(), reason.end(), '\n', ' ');
+    return std::nullopt;
 }
 
 }  // namespace simulated_platform

@@ -36,9 +36,13 @@ bool StateStore::load(State& state) {
     const std::unique_ptr<gchar, decltype(&g_free)> content_owner(content, g_free);
     const std::unique_ptr<GError, decltype(&g_error_free)> error_owner(error, g_error_free);
     if (!is_read) {
+        const bool is_missing = g_error_matches(error, G_FILE_ERROR, G_FILE_ERROR_NOENT);
+        if (is_missing && is_missing_known_) return false;
+        is_missing_known_ = is_missing;
         report_(std::string(error->message) + "; the state stays as it is");
         return false;
     }
+    is_missing_known_ = false;
     std::string reason;
     std::optional<State> parsed = parse_state({content, size}, reason);
     if (!parsed) {

@@ -18,7 +18,8 @@ namespace simulated_platform {
  *
  * Construction reads the file; from then on it is read whenever GLib's default
  * main context finds it new, and at no other time. A file that cannot be taken
- * is reported with one line and changes nothing. While there never was a good
+ * is reported with one line and changes nothing; that it is missing is reported
+ * once. While there never was a good
  * one, the state is the empty State.
  */
 class StateStore {
@@ -46,6 +47,7 @@ private:
     Listener on_load_;
     Reporter report_;
     State state_;
+    bool is_missing_known_ = false;
     FileWatch watch_;
 };
 

@@ -22,6 +22,7 @@ TEST_F(Device, KeepsConfigurationDocumentsAndTheLastGoodOne) {
     EXPECT_TRUE(fetch_configuration("/AppsAd/v2"));
     EXPECT_THAT(server.take_requests(), ElementsAre("/TileAd/v2", "/AppsAd/v2"));
 
+    server.serve("/TileAd/v2", R"({"tiles": 5})");
     struct Case {
         const char* fault;
         const char* reason;
@@ -49,7 +50,46 @@ TEST_F(Device, KeepsConfigurationDocumentsAndTheLastGoodOne) {
 
     EXPECT_EQ(read_file(data + "/TileAd-v2.json"), R"({"tiles": 4})");
     EXPECT_EQ(read_file(data + "/AppsAd-v2.json"), " {}\n");
-    EXPECT_EQ(names_in(data), (std::set<std::string>{"TileAd-v2.json", "AppsAd-v2.json"}));
+    EXPECT_EQ(names_in(data),
+              (std::set<std::string>{"TileAd-v2.json", "TileAd-v2.json.validator", "AppsAd-v2.json",
+                                     "AppsAd-v2.json.validator"}));
+}
+
+TEST_F(Device, AsksForADocumentOnlyWhenItHasChanged) {
+    const auto fetch = [&](const std::string& said, const std::string& request) {
+        EXPECT_TRUE(fetch_configuration("/TileAd/v2"));
+        EXPECT_THAT(output(), HasSubstr(said));
+        EXPECT_THAT(server.take_requests(), ElementsAre(request));
+    };
+    server.serve("/TileAd/v2", "{}");
+    fetch("2 bytes", "/TileAd/v2");
+    fetch("has not changed", "/TileAd/v2 304");
+    server.serve("/TileAd/v2", "{ }");
+    fetch("3 bytes", "/TileAd/v2");
+    fetch("has not changed", "/TileAd/v2 304");
+
+    // A document that is lost or damaged here, or came from elsewhere, is wanted whole.
+    std::filesystem::remove(data + "/TileAd-v2.json");
+    fetch("3 bytes", "/TileAd/v2");
+    write_file(data + "/TileAd-v2.json", "{ ");
+    fetch("3 bytes", "/TileAd/v2");
+    const std::string validator = read_file(data + "/TileAd-v2.json.validator");
+    write_file(data + "/TileAd-v2.json.validator", "http://elsewhere" + validator);
+    fetch("3 bytes", "/TileAd/v2");
+    for (std::size_t length = 0; length < validator.size(); ++length) {
+        write_file(data + "/TileAd-v2.json.validator", validator.substr(0, length));
+        EXPECT_TRUE(fetch_configuration("/TileAd/v2")) << length;
+    }
+    EXPECT_EQ(read_file(data + "/TileAd-v2.json"), "{ }");
+
+    server.set_faults("* noetag");
+    server.serve("/TileAd/v2", "{}");
+    server.take_requests();
+    fetch("2 bytes", "/TileAd/v2");
+    fetch("2 bytes", "/TileAd/v2");
+    server.set_faults("* status 304");
+    EXPECT_FALSE(fetch_configuration("/TileAd/v2"));
+    EXPECT_THAT(output(), HasSubstr("answers with status 304"));
 }
 
 TEST_F(Device, DownloadsAnImageOnlyWhenItIsNewer) {
@@ -57,23 +97,34 @@ TEST_F(Device, DownloadsAnImageOnlyWhenItIsNewer) {
     for (const char* installed : {"1.06", "1.060", "1.1", "2"}) {
         EXPECT_FALSE(update(installed)) << installed;
         EXPECT_THAT(output(), HasSubstr("1.06 is not newer than")) << output();
-        EXPECT_THAT(server.take_requests(), ElementsAre("/update.ini"));
+        EXPECT_EQ(server.take_requests().size(), 1U);
     }
-    EXPECT_THAT(names_in(data), IsEmpty());
+    EXPECT_THAT(image_files(), IsEmpty());
 
     EXPECT_TRUE(update("1.05"));
-    EXPECT_THAT(server.take_requests(), ElementsAre("/update.ini", "/images/zelADAgent-1.06.img"));
+    EXPECT_THAT(server.take_requests(),
+                ElementsAre("/update.ini 304", "/images/zelADAgent-1.06.img"));
     EXPECT_TRUE(image() == large_image());
-    EXPECT_EQ(names_in(data), std::set<std::string>{"zelADAgent.img"});
+    EXPECT_EQ(names_in(data),
+              (std::set<std::string>{"zelADAgent.img", "zelADAgentCache.xml", "state.ini",
+                                     "update.ini", "update.ini.validator"}));
+    // One line for each tenth, and three around them.
+    EXPECT_THAT(output(), HasSubstr("ad-agent: update: 30 % of 400000 bytes\n"));
+    EXPECT_LE(output_lines(), 12);
+    EXPECT_GE(output_lines(), 5);
 
     // Nobody took it away: there is no need to fetch it again.
     EXPECT_TRUE(update("0.00"));
     EXPECT_THAT(output(), HasSubstr("version 1.06 is already at"));
-    EXPECT_THAT(server.take_requests(), ElementsAre("/update.ini"));
+    EXPECT_THAT(server.take_requests(), ElementsAre("/update.ini 304"));
 
     server.publish("1.07", "small");
     EXPECT_TRUE(update("1.06"));
     EXPECT_EQ(image(), "small");
+    // A server that takes it back leaves nothing of it here.
+    server.publish("1.06", large_image());
+    EXPECT_FALSE(update("1.06"));
+    EXPECT_THAT(image_files(), IsEmpty());
 }
 
 TEST_F(Device, TakesAFolderForAServer) {
@@ -85,7 +136,7 @@ TEST_F(Device, TakesAFolderForAServer) {
     EXPECT_FALSE(fetch_configuration("/TileAd/v2"));
     EXPECT_THAT(output(), HasSubstr("Couldn't open file"));
     EXPECT_THAT(server.take_requests(), IsEmpty());
-    EXPECT_THAT(names_in(data), IsEmpty());
+    EXPECT_EQ(names_in(data), std::set<std::string>{"zelADAgentCache.xml"});
 }
 
 class BadServer : public Device {
@@ -98,9 +149,17 @@ protected:
     void expect_refusal(const std::string& reason) {
         EXPECT_FALSE(update("1.05"));
         EXPECT_THAT(output(), HasSubstr(reason));
-        EXPECT_EQ(output_lines(), output().find("downloading") == std::string::npos ? 1 : 2);
+        const bool downloading = output().find("downloading") != std::string::npos;
+        EXPECT_EQ(output_lines() - occurrences(output(), " % of "), downloading ? 2 : 1);
         EXPECT_EQ(image(), "an old download");
-        EXPECT_EQ(names_in(data), std::set<std::string>{"zelADAgent.img"});
+        EXPECT_FALSE(std::filesystem::exists(data + "/update.ini.part"));
+    }
+
+    static int occurrences(const std::string& text, const std::string& part) {
+        int count = 0;
+        for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+            ++count;
+        return count;
     }
 };
 
@@ -119,14 +178,17 @@ TEST_F(BadServer, CostsOneLineAndNothingElse) {
                           {"/update.ini declare 60", "[image] sha256 is not"},
                           {"/images/* status 404", "1.06.img: The requested URL returned"},
                           {"/images/* redirect", "redirects"},
-                          {"/images/* login", "61 bytes, the index says 400000"},
+                          {"/images/* login", "announces 61 bytes instead of 400000"},
                           {"/images/* endless", "more than it should"},
-                          {"/images/* cut 300000", "100000 bytes remaining"},
-                          {"/images/* declare 300000", "300000 bytes, the index says 400000"},
-                          {"/images/* declare 500000", "100000 bytes remaining"}}) {
+                          {"/images/* cut 0", "400000 bytes remaining"},
+                          {"/images/* status 206", "answers with status 206"},
+                          {"/images/* declare 300000", "announces 300000 bytes"},
+                          {"/images/* declare 500000", "announces 500000 bytes"}}) {
         SCOPED_TRACE(c.fault);
         server.set_faults(c.fault);
         expect_refusal(c.reason);
+        // None of these is worth going on with.
+        EXPECT_EQ(image_files(), std::set<std::string>{"zelADAgent.img"});
     }
 }
 
@@ -134,9 +196,10 @@ TEST_F(BadServer, MayNotLieAboutTheImage) {
     server.publish("1.06", large_image(), std::string(64, 'a'));
     expect_refusal("not the index's");
     server.publish("1.06", large_image(), "", "400001");
-    expect_refusal("400000 bytes, the index says 400001");
+    expect_refusal("announces 400000 bytes instead of 400001");
     server.publish("1.06", large_image(), "", "399999");
-    expect_refusal("more than it should");
+    expect_refusal("announces 400000 bytes instead of 399999");
+    EXPECT_EQ(image_files(), std::set<std::string>{"zelADAgent.img"});
 }
 
 TEST_F(BadServer, IsNotWaitedForLongerThanConfigured) {
@@ -147,30 +210,41 @@ TEST_F(BadServer, IsNotWaitedForLongerThanConfigured) {
     };
     for (const Case& c : {Case{"/update.ini stall 10", "stall=1", "no byte in 1 seconds"},
                           {"/update.ini slow 10", "document=1", "timed out"},
-                          {"/images/* stall 200000", "stall=1", "no byte in 1 seconds"},
+                          {"/images/* stall 0", "stall=1", "no byte in 1 seconds"},
                           {"/images/* slow 20000", "image=1", "timed out"}}) {
         SCOPED_TRACE(c.fault);
         server.set_faults(c.fault);
         configure(server.url(), c.timeouts);
         const auto start = std::chrono::steady_clock::now();
         expect_refusal(c.reason);
+        std::filesystem::remove(data + "/zelADAgent.img.part");
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));
     }
     configure("http://127.0.0.1:1");
     expect_refusal("http://127.0.0.1:1/update.ini: Failed to connect");
 }
 
-TEST_F(Device, NamesWhatIsMissingHere) {
-    server.publish("1.06", "image");
+TEST_F(Device, MakesItsFolderAndNamesWhatIsMissing) {
     server.serve("/TileAd/v2", "{}");
+    settled = false;
     std::filesystem::remove(data);
-    EXPECT_FALSE(update("1.05"));
-    EXPECT_EQ(output(), "ad-agent: update: cannot open data folder " + data +
-                            ": No such file or directory\n");
-    EXPECT_FALSE(fetch_configuration("/TileAd/v2"));
-    EXPECT_FALSE(agent.set_version("1.05"));
     EXPECT_EQ(agent.version(), "0.00");
+    agent.loaded_from(places.updatable_library, false);
+    EXPECT_FALSE(std::filesystem::exists(data));
+    EXPECT_TRUE(fetch_configuration("/TileAd/v2")) << output();
+    EXPECT_EQ(std::filesystem::status(data).permissions(), std::filesystem::perms(0755));
 
+    std::filesystem::remove_all(data);
+    write_file(data, "in the way");
+    const std::string reason = "cannot make data folder " + data + ": Not a directory\n";
+    EXPECT_FALSE(update("1.05"));
+    EXPECT_EQ(output(), "ad-agent: update: " + reason);
+    EXPECT_FALSE(fetch_configuration("/TileAd/v2"));
+    EXPECT_EQ(output(), "ad-agent: configuration document /TileAd/v2: " + reason);
+    EXPECT_FALSE(agent.set_version("1.05"));
+
+    std::filesystem::remove(data);
+    server.take_requests();
     write_file(folder / "agent.conf", "[server]\n");
     EXPECT_FALSE(update("1.05"));
     EXPECT_THAT(output(), HasSubstr("update: configuration " + (folder / "agent.conf: [server]")));
@@ -193,13 +267,17 @@ protected:
 
 TEST_F(OtherFileSystem, ThatIsFullKeepsWhatItHas) {
     if (!mount_over_data(0)) GTEST_SKIP() << "no right to mount: " << std::strerror(errno);
-    ASSERT_TRUE(agent.set_version("1.05"));
     write_file(data + "/zelADAgent.img", "an old download");
     server.publish("1.06", large_image());
     EXPECT_FALSE(update("1.05"));
-    EXPECT_THAT(output(), HasSubstr("cannot write: No space left on device"));
+    EXPECT_THAT(output(), HasSubstr("no room for the image: 400000 bytes are needed and "));
+    EXPECT_THAT(server.take_requests(), ElementsAre("/update.ini"));
     EXPECT_EQ(image(), "an old download");
-    EXPECT_EQ(names_in(data), (std::set<std::string>{"zelADAgent.img", "zelADAgentCache.xml"}));
+    EXPECT_EQ(image_files(), std::set<std::string>{"zelADAgent.img"});
+    store(large_image(), "1.05");
+    settled = false;
+    EXPECT_FALSE(update("1.06"));
+    EXPECT_THAT(output(), HasSubstr("no room to offer the stored image again"));
 
     write_file(data + "/filler", std::string(200000, 'x'));
     server.serve("/TileAd/v2", "{" + std::string(8192, ' ') + "}");
@@ -214,7 +292,7 @@ TEST_F(OtherFileSystem, ThatIsReadOnlyIsNamed) {
     server.publish("1.06", "image");
     EXPECT_FALSE(update("1.05"));
     EXPECT_THAT(output(),
-                HasSubstr("cannot create " + data + "/zelADAgent.img.part: Read-only file system"));
+                HasSubstr("cannot create " + data + "/update.ini.part: Read-only file system"));
 }
 
 }  // namespace

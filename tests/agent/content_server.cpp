@@ -11,7 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-ContentServer::ContentServer() {
+ContentServer::ContentServer(const std::string& certificate) {
     std::filesystem::create_directory(m_folder / "content");
     std::array<int, 2> ends = {};
     if (pipe2(ends.data(), O_CLOEXEC) != 0) std::abort();
@@ -19,8 +19,10 @@ ContentServer::ContentServer() {
     if (m_pid == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         dup2(ends[1], STDOUT_FILENO);
+        // Without a certificate the list of arguments ends before it.
         execl(CONTENT_SERVER, CONTENT_SERVER, "--log", (m_folder / "log").c_str(), "--faults",
-              (m_folder / "faults").c_str(), (m_folder / "content").c_str(), nullptr);
+              (m_folder / "faults").c_str(), (m_folder / "content").c_str(),
+              certificate.empty() ? nullptr : "--certificate", certificate.c_str(), nullptr);
         _exit(127);
     }
     close(ends[1]);
@@ -28,7 +30,7 @@ ContentServer::ContentServer() {
     char digit = 0;
     while (read(ends[0], &digit, 1) == 1 && digit != '\n') port += digit;
     close(ends[0]);
-    m_url = "http://127.0.0.1:" + port;
+    m_url = (certificate.empty() ? "http://127.0.0.1:" : "https://127.0.0.1:") + port;
 }
 
 ContentServer::~ContentServer() {

@@ -13,7 +13,8 @@
 
 class ContentServer {
 public:
-    ContentServer();
+    /** @param certificate  a PEM file of a certificate and its key, for HTTPS */
+    explicit ContentServer(const std::string& certificate = "");
     ~ContentServer();
     ContentServer(const ContentServer&) = delete;
     ContentServer& operator=(const ContentServer&) = delete;
@@ -31,7 +32,7 @@ public:
     /** Says how to misbehave, as lines of content_server.py; no line for not at all. */
     void set_faults(const std::string& lines) const;
 
-    /** The paths asked for since the last call. */
+    /** What was asked for since the last call, as lines of content_server.py. */
     std::vector<std::string> take_requests() const;
 
 private:

@@ -6,6 +6,7 @@
 
 #include "agent.h"
 #include "content_server.h"
+#include "platform.h"
 #include "temporary_folder.h"
 
 #include <algorithm>
@@ -24,12 +25,36 @@ protected:
                    "[server]\nurl=" + url + "\n[timeouts]\n" + timeouts + "\n");
     }
 
-    /** Runs an update. @return its result; output() has what it said */
-    bool update(const std::string& installed_version) {
+    /**
+     * Runs an update of a device whose stored image is installed, unless settled
+     * says otherwise. @return its result; output() has what it said
+     */
+    bool update(const std::string& stored_version) {
+        if (settled) record(stored_version);
         testing::internal::CaptureStderr();
-        const bool downloaded = agent.update(installed_version);
+        const bool downloaded = agent.update(stored_version);
         m_output = testing::internal::GetCapturedStderr();
         return downloaded;
+    }
+
+    void record(const std::string& version) const {
+        write_file(data + "/zelADAgentCache.xml",
+                   "<Cache><SoVersion>" + version + "</SoVersion></Cache>");
+    }
+
+    /** Puts an image in place as the host does, and as far as an installation came. */
+    void store(const std::string& image, const std::string& recorded_version) const {
+        write_file(places.stored_image, image);
+        std::filesystem::remove(data + "/zelADAgent.img");
+        if (!recorded_version.empty()) record(recorded_version);
+    }
+
+    /** The names of the image and of what there is of one. */
+    std::set<std::string> image_files() const {
+        std::set<std::string> names = names_in(data);
+        for (auto name = names.begin(); name != names.end();)
+            name = name->find("zelADAgent.img") == 0 ? std::next(name) : names.erase(name);
+        return names;
     }
 
     bool fetch_configuration(const std::string& url_path) {
@@ -48,7 +73,11 @@ protected:
     TemporaryFolder folder;
     ContentServer server;
     const std::string data = folder / "data";
-    const ad_agent::Agent agent{folder / "agent.conf", data};
+    const ad_agent::Places places = {folder / "agent.conf",       data,
+                                     folder / "store/image",      folder / "updatable/agent.so",
+                                     folder / "builtin/agent.so", folder / "builtin/zel.xml"};
+    const ad_agent::Agent agent{places};
+    bool settled = true;
 
 private:
     std::string m_output;

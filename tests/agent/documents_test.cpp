@@ -1,7 +1,8 @@
 // The files that the library reads and writes: configuration, index, manifest.
-#include "cache_manifest.h"
 #include "configuration_document.h"
 #include "data_folder.h"
+#include "device_state.h"
+#include "manifest.h"
 #include "settings.h"
 #include "temporary_folder.h"
 #include "update_index.h"
@@ -55,15 +56,20 @@ TEST(Configuration, HasDefaultsForWhatItDoesNotSay) {
     EXPECT_EQ(settings->stall_timeout, 20);
     EXPECT_EQ(settings->document_timeout, 30);
     EXPECT_EQ(settings->image_timeout, 900);
+    EXPECT_TRUE(settings->verify);
+    EXPECT_EQ(settings->authorities, "");
 
     write_file(folder / "conf",
-               "[server]\nurl=file:///srv\n[timeouts]\nconnect=1\nstall=2\ndocument=3\nimage=4\n");
+               "[server]\nurl=file:///srv\nverify=false\nauthorities=/"
+               "a.pem\n[timeouts]\nconnect=1\nstall=2\ndocument=3\nimage=4\n");
     const auto other = load_settings(folder / "conf", error);
     ASSERT_TRUE(other) << error;
     EXPECT_EQ(other->connect_timeout, 1);
     EXPECT_EQ(other->stall_timeout, 2);
     EXPECT_EQ(other->document_timeout, 3);
     EXPECT_EQ(other->image_timeout, 4);
+    EXPECT_FALSE(other->verify);
+    EXPECT_EQ(other->authorities, "/a.pem");
 }
 
 TEST(Configuration, NamesItsFaults) {
@@ -80,6 +86,7 @@ TEST(Configuration, NamesItsFaults) {
              Case{"[server]\nurl=ftp://host/\n", "url must be"},
              Case{"[server]\nurl=file://host/path\n", "url must be"},
              Case{"[server]\nurl=http://host/?a=b\n", "url must be"},
+             Case{"[server]\nurl=http://a\nverify=maybe\n", "[server] verify must be"},
              Case{"[server]\nurl=http://a\n[timeouts]\nstall=0\n", "[timeouts] stall must be"},
              Case{"[server]\nurl=http://a\n[timeouts]\nconnect=soon\n", "[timeouts] connect must"},
              Case{"[server]\nurl=http://a\n[timeouts]\nimage=99999\n", "[timeouts] image must be"},
@@ -116,23 +123,86 @@ TEST(UpdateIndex, IsRead) {
 TEST(UpdateIndex, IsRefusedForAnyValueThatIsNotRight) {
     const std::string text = index_text("1.06", "4096", SHA256, "a.img");
     std::string error;
-    for (const std::string& bad :
-         {std::string(), std::string("[image]\n"), std::string("<html></html>"),
-          std::string(1000, '\0'), text.substr(0, text.size() / 2),
-          index_text("1.0.6", "4096", SHA256, "a.img"), index_text("1.06", "0", SHA256, "a.img"),
-          index_text("1.06", "-1", SHA256, "a.img"),
-          index_text("1.06", "99999999999999999999", SHA256, "a.img"),
-          index_text("1.06", "536870913", SHA256, "a.img"),
-          index_text("1.06", "4 kB", SHA256, "a.img"), index_text("1.06", "1", "abc", "a.img"),
-          index_text("1.06", "1", std::string(64, 'g'), "a.img"),
-          index_text("1.06", "1", SHA256, ""), index_text("1.06", "1", SHA256, ".."),
-          index_text("1.06", "1", SHA256, "../a.img"), index_text("1.06", "1", SHA256, "a/b.img"),
-          index_text("1.06", "1", SHA256, "a%2fb.img"),
-          index_text("1.06", "1", SHA256, "a.img?x")}) {
+    for (const std::string& bad : {std::string(),
+                                   std::string("[image]\n"),
+                                   std::string("<html></html>"),
+                                   std::string(1000, '\0'),
+                                   text.substr(0, text.size() / 2),
+                                   index_text("1.0.6", "4096", SHA256, "a.img"),
+                                   index_text("1.06", "0", SHA256, "a.img"),
+                                   index_text("1.06", "-1", SHA256, "a.img"),
+                                   index_text("1.06", "99999999999999999999", SHA256, "a.img"),
+                                   index_text("1.06", "536870913", SHA256, "a.img"),
+                                   index_text("1.06", "4 kB", SHA256, "a.img"),
+                                   index_text("1.06", "1", "abc", "a.img"),
+                                   index_text("1.06", "1", std::string(64, 'g'), "a.img"),
+                                   index_text("1.06", "1", SHA256, ""),
+                                   index_text("1.06", "1", SHA256, ".."),
+                                   index_text("1.06", "1", SHA256, "../a.img"),
+                                   index_text("1.06", "1", SHA256, "a/b.img"),
+                                   index_text("1.06", "1", SHA256, "a%2fb.img"),
+                                   index_text("1.06", "1", SHA256, "a.img?x"),
+                                   text + "min_firmware=a\\nb\n",
+                                   text + "max_firmware=" + std::string(256, '1') + "\n"}) {
         error.clear();
         EXPECT_FALSE(parse_update_index(bad, error)) << bad;
         EXPECT_NE(error, "") << bad;
     }
+}
+
+TEST(UpdateIndex, MayBeForSomeFirmwareOnly) {
+    struct Case {
+        const char* lines;
+        const char* firmware;
+        bool fits;
+    };
+    for (const Case& c : {Case{"", "", true},
+                          {"min_firmware=T-1200.10\n", "T-1200.9", false},
+                          {"min_firmware=T-1200.10\n", "T-1200.10", true},
+                          {"min_firmware=T-1200.10\n", "T-1201", true},
+                          {"min_firmware=T-1200.10\n", "", false},
+                          {"max_firmware=T-1200.10\n", "T-1200.9", true},
+                          {"max_firmware=T-1200.10\n", "T-1200.10", true},
+                          {"max_firmware=T-1200.10\n", "T-1200.11", false},
+                          {"max_firmware=T-1200.10\n", "", false},
+                          {"min_firmware=2\nmax_firmware=10\n", "9", true},
+                          {"min_firmware=2\nmax_firmware=10\n", "1", false}}) {
+        std::string error;
+        const auto index =
+            parse_update_index(index_text("1.06", "1", SHA256, "a.img") + c.lines, error);
+        ASSERT_TRUE(index) << error;
+        EXPECT_EQ(firmware_mismatch(*index, c.firmware).empty(), c.fits) << c.lines << c.firmware;
+    }
+}
+
+TEST(State, IsKeptWholeOrIsADevicesFirst) {
+    const TemporaryFolder folder;
+    std::string error;
+    const auto data = DataFolder::open(folder / "", error);
+    DeviceState state = read_state(*data);
+    EXPECT_TRUE(state.bad.empty());
+    state.installed_sha256 = "a1";
+    state.installed_version = "1.06";
+    state.installed_loaded = true;
+    state.offered_version = "1.07";
+    state.offered_firmware = " T=1;[x]\n\\";
+    state.repairs = 2;
+    for (int i = 0; i < 40; ++i) state.add_bad(std::to_string(i));
+    state.add_bad("39");
+    ASSERT_TRUE(write_state(*data, state, error)) << error;
+
+    const DeviceState read = read_state(*data);
+    EXPECT_EQ(read.installed_sha256, "a1");
+    EXPECT_EQ(read.installed_version, "1.06");
+    EXPECT_TRUE(read.installed_loaded);
+    EXPECT_EQ(read.offered_version, "1.07");
+    EXPECT_EQ(read.offered_firmware, " T=1;[x]\n\\");
+    EXPECT_EQ(read.repairs, 2);
+    EXPECT_EQ(read.bad.size(), 32U);
+    EXPECT_TRUE(read.is_bad("39") && read.is_bad("8") && !read.is_bad("7"));
+
+    write_file(folder / "state.ini", "torn");
+    EXPECT_EQ(read_state(*data).offered_version, "");
 }
 
 TEST(ConfigurationDocument, IsNamedByItsPath) {
@@ -163,7 +233,7 @@ TEST_F(Manifest, ReadsAsNoVersionUnlessItIsWhole) {
     EXPECT_EQ(read("<Zel><SoVersion>1.05</SoVersion></Zel>"), "0.00");
     EXPECT_EQ(read("<Cache><Version>1.05</Version></Cache>"), "0.00");
     EXPECT_EQ(read("<Cache><SoVersion/></Cache>"), "0.00");
-    EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("ad-agent: cache manifest "));
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("ad-agent: manifest "));
 }
 
 TEST_F(Manifest, IsReplacedWhole) {

@@ -106,6 +106,41 @@ TEST_F(HostedLibrary, KeepsToTheVersionBuffer) {
     }
 }
 
+TEST_F(HostedLibrary, KnowsTheCopyThatDidNotLoad) {
+    const std::string state = "[installed]\nsha256=a1\nversion=1.06\nloaded=false\n";
+    const std::string updatable = "/opt/usr/lib/libad-agent-fwk.so";
+    const auto load_and_init = [](const char* file) {
+        void* copy = dlopen(file, RTLD_LAZY);
+        ASSERT_NE(copy, nullptr) << dlerror();
+        // By then the host has removed the copy that failed.
+        std::filesystem::remove("/opt/usr/lib/libad-agent-fwk.so");
+        EXPECT_EQ(reinterpret_cast<decltype(&ad_agent_init)>(dlsym(copy, "ad_agent_init"))(),
+                  AD_AGENT_OK);
+        dlclose(copy);
+    };
+    std::filesystem::create_directories("/opt/usr/lib");
+    std::filesystem::create_directories("/opt/work");
+    write_file("/opt/upper/libad-agent-fwk.so", read_file(AGENT_LIBRARY));
+    if (mount("overlay", "/usr/lib", "overlay", 0,
+              "lowerdir=/usr/lib,upperdir=/opt/upper,workdir=/opt/work") != 0)
+        GTEST_SKIP() << "no right to mount over /usr/lib: " << std::strerror(errno);
+
+    write_file(updatable, read_file(AGENT_LIBRARY));
+    write_file(data + "/state.ini", state);
+    load_and_init(updatable.c_str());
+    EXPECT_THAT(read_file(data + "/state.ini"), HasSubstr("loaded=true"));
+
+    write_file(updatable, "no library");
+    write_file(data + "/state.ini", state);
+    load_and_init("/usr/lib/libad-agent-fwk.so");
+    EXPECT_THAT(read_file(data + "/state.ini"), HasSubstr("[bad]\nsha256=a1;"));
+
+    write_file(data + "/state.ini", state);
+    load_and_init("/usr/lib/libad-agent-fwk.so");
+    EXPECT_THAT(read_file(data + "/state.ini"), HasSubstr("[bad]\nsha256=\n"));
+    umount2("/usr/lib", MNT_DETACH);
+}
+
 TEST_F(HostedLibrary, WorksInTheDevicesFolders) {
     const auto update = entry("ad_agent_update", &ad_agent_update);
     const auto fetch = entry("ad_agent_config_server", &ad_agent_config_server);
@@ -119,7 +154,8 @@ TEST_F(HostedLibrary, WorksInTheDevicesFolders) {
     write_file("/opt/web/TileAd/v2", "{}");
     write_file("/opt/web/images/a.img", "abc");
     write_file("/opt/web/update.ini",
-               "[image]\nversion=1.06\nsize=3\nfile=a.img\nsha256="
+               "[image]\nmin_firmware=T-1200.1\nmax_firmware=T-1200.1\nversion=1.06\nsize=3\nfile="
+               "a.img\nsha256="
                "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad\n");
     EXPECT_EQ(fetch("/TileAd/v2"), AD_AGENT_OK);
     EXPECT_EQ(fetch(nullptr), AD_AGENT_FAILED);
@@ -127,7 +163,8 @@ TEST_F(HostedLibrary, WorksInTheDevicesFolders) {
     EXPECT_EQ(update("1.05"), AD_AGENT_UPDATE_DOWNLOADED);
     EXPECT_EQ(update(nullptr), AD_AGENT_UPDATE_DOWNLOADED);
     EXPECT_EQ(read_file(data + "/zelADAgent.img"), "abc");
-    EXPECT_EQ(names_in(data), (std::set<std::string>{"TileAd-v2.json", "zelADAgent.img"}));
+    EXPECT_EQ(names_in(data), (std::set<std::string>{"TileAd-v2.json", "update.ini", "state.ini",
+                                                     "zelADAgent.img"}));
 }
 
 }  // namespace

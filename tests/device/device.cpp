@@ -173,10 +173,18 @@ void Device::publish_tree(const std::string& version, const std::string& folder)
     publish_file(version, image);
 }
 
-void Device::publish_file(const std::string& version, const std::string& image) const {
+void Device::publish_file(const std::string& version, const std::string& plain) const {
     const std::string name = "by-hand-" + version + ".img";
+    const std::string image = home_ + "/www/images/" + name;
+    const std::string signature = home_ + "/run/signature";
+    const CommandResult made = run({"minisign", "-S", "-s", home_ + "/maker.key", "-t",
+                                    "version:" + version, "-m", plain, "-x", signature});
+    ASSERT_EQ(made.status, 0) << made.output;
+    const std::string text = read_file(signature);
+    const char ending[] = {
+        static_cast<char>(text.size()), static_cast<char>(text.size() >> 8), 0, 0, 1, 0, 0, 0};
     fs::create_directories(home_ + "/www/images");
-    fs::copy_file(image, home_ + "/www/images/" + name, fs::copy_options::overwrite_existing);
+    write_file(image, read_file(plain) + text + "ADIMGSIG" + std::string(ending, sizeof(ending)));
     write_file(home_ + "/www/update.ini",
                "[image]\nversion=" + version + "\nsize=" + std::to_string(fs::file_size(image)) +
                    "\nsha256=" + ad_sha256_file(image.c_str()) + "\nfile=" + name + "\n");
@@ -197,12 +205,17 @@ int Device::daemon_pid() const {
 }
 
 void Device::break_mounter(const std::string& option) const {
+    replace_mounter("[ \"$1\" != " + option + " ] || exit 71\n");
+}
+
+void Device::replace_mounter(const std::string& script) const {
     repair_mounter();
     fs::rename(usr_bin("/ad-mounter"), usr_bin("/ad-mounter.real"));
-    write_file(usr_bin("/ad-mounter"),
-               "#!/bin/sh\n[ \"$1\" != " + option + " ] || exit 71\nexec ad-mounter.real \"$@\"\n");
+    write_file(usr_bin("/ad-mounter"), "#!/bin/sh\n" + script + "exec ad-mounter.real \"$@\"\n");
     fs::permissions(usr_bin("/ad-mounter"), fs::perms(0755));
 }
+
+bool Device::running() const { return command({"status"}).find("on\n") < 20; }
 
 void Device::repair_mounter() const {
     if (exists(usr_bin("/ad-mounter.real"))) {
@@ -254,8 +267,9 @@ std::string Device::leftovers() const {
             .output;
     // Everything that belongs below /opt, by name; what else there is was left.
     static const std::vector<std::string> expected{
-        "platform.log",        "state.ini",      "ad-agent.conf",      "adagentversion.txt",
-        "zelADAgentCache.xml", "zelADAgent.img", "libad-agent-fwk.so", "libad-player-fwk.so"};
+        "platform.log",        "state.ini",           "ad-agent.conf",      "adagentversion.txt",
+        "zelADAgentCache.xml", "zelADAgent.img",      "libad-agent-fwk.so", "libad-player-fwk.so",
+        "update.ini",          "update.ini.validator"};
     for (const auto& entry : fs::recursive_directory_iterator(home_ + "/opt")) {
         const std::string name = entry.path().filename();
         const bool document = name.find("Ad-v2") != std::string::npos;

@@ -50,10 +50,10 @@ public:
     /** Network up and consent given. */
     void open_gate() const;
     void publish(const std::string& version) const;
-    /** Publishes an image of the given folder, or a file, as it is: what the packer would refuse.
+    /** Signs and publishes an image of the given folder, or a file: what the packer would refuse.
      */
     void publish_tree(const std::string& version, const std::string& folder) const;
-    void publish_file(const std::string& version, const std::string& image) const;
+    void publish_file(const std::string& version, const std::string& plain) const;
     /** Boots with the gate open and runs until the update's end, then stops. */
     void run_update() const;
 
@@ -62,7 +62,10 @@ public:
 
     /** Puts a script in front of ad-mounter that fails the given option and passes on the rest. */
     void break_mounter(const std::string& option) const;
+    /** Puts a script of the shell in front of ad-mounter, which runs after it. */
+    void replace_mounter(const std::string& script) const;
     void repair_mounter() const;
+    bool running() const;
 
     /** The path of a file of the device, seen from outside. */
     std::string opt(const std::string& path) const { return home_ + "/opt" + path; }

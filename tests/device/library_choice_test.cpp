@@ -37,6 +37,7 @@ TEST_F(LibraryChoice, AnUpdatableCopyThatDoesNotLoadIsDiscarded) {
     EXPECT_FALSE(updatable_is_there());
     EXPECT_TRUE(exists(device.opt("/usr/lib")));
     EXPECT_TRUE(device.logged("Save Firm File done : T-1200.1"));
+    EXPECT_TRUE(device.logged("version 1.05 failed to load: its image will not be taken again"));
 }
 
 TEST_F(LibraryChoice, AFirmwareChangeDiscardsTheUpdatableCopyOnce) {
@@ -46,6 +47,7 @@ TEST_F(LibraryChoice, AFirmwareChangeDiscardsTheUpdatableCopyOnce) {
     EXPECT_FALSE(updatable_is_there());
     EXPECT_FALSE(exists(device.opt("/usr/lib/libad-player-fwk.so")));
     EXPECT_EQ(read_file(device.opt("/media/Documents/adagentversion.txt")), "T-1300.1");
+    EXPECT_FALSE(device.logged("failed to load"));
     boot_and_stop();
     EXPECT_TRUE(device.logged("Firmware version is same"));
 }

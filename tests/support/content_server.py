@@ -1,15 +1,19 @@
 #!/usr/bin/env python3
 """A content server for tests, on 127.0.0.1, that can misbehave.
 
-It serves a directory over HTTP, prints its port on the first line of standard
-output, and writes the path of every request as a line into a log. A file of
-faults, read anew at each request, says what to do otherwise. Each of its lines
+It serves a directory over HTTP, or HTTPS with a certificate, prints its port on
+the first line of standard output, and writes the path of every request as a line
+into a log; what is answered otherwise than with the whole file is told behind it,
+as "304" or "from BYTE". Files have an ETag. A file of faults, read anew at each request, says what to do otherwise. Each of its lines
 is a path pattern (as of fnmatch), a fault and the fault's number; the first line
 that matches counts:
 
     /images/*    slow 1000     send so many bytes a second
     /update.ini  stall 10      send so many bytes, then nothing more
     /TileAd/v2   cut 100       send so many bytes, then close the connection
+    /images/*    norange       send the whole file whatever is asked for
+    /images/*    shift 10      answer a range with one that starts so much later
+    *            noetag        give no ETag
     *            endless       send bytes without an end
     *            garbage       answer with bytes that are not HTTP
     *            status 404    answer with that status and a page that says so
@@ -20,13 +24,17 @@ that matches counts:
 
 import argparse
 import fnmatch
+import hashlib
 import http.server
 import os
 import posixpath
+import re
+import ssl
 import sys
 import time
 import urllib.parse
 
+ALL_FAULTS = ("status", "login", "redirect", "garbage", "endless")
 PAGE = b"<html><body>Please log in to use this network.</body></html>\n"
 PIECE = 4096
 
@@ -48,18 +56,19 @@ class Handler(http.server.BaseHTTPRequestHandler):
 
     def do_GET(self):
         path = urllib.parse.urlsplit(self.path).path
-        with open(self.server.log, "a", encoding="utf-8") as log:
-            log.write(path + "\n")
         self.close_connection = True
         fault, number = read_fault(self.server.faults, path)
         try:
-            if not self.answer_with_fault(fault, number, path):
+            if fault in ALL_FAULTS:
+                self.log_request_line(path)
+                self.answer_with_fault(fault, number, path)
+            else:
                 self.answer_with_file(path, fault, number)
         except (BrokenPipeError, ConnectionResetError):
             pass
 
     def answer_with_fault(self, fault, number, path):
-        """Sends what has nothing to do with a file. Returns whether it did."""
+        """Sends what has nothing to do with a file."""
         if fault == "status":
             self.send_page(number)
         elif fault == "login":
@@ -72,9 +81,10 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.send_headers(200, None)
             while True:
                 self.wfile.write(bytes(PIECE))
-        else:
-            return False
-        return True
+
+    def log_request_line(self, *words):
+        with open(self.server.log, "a", encoding="utf-8") as log:
+            log.write(" ".join(map(str, words)) + "\n")
 
     def answer_with_file(self, path, fault, number):
         name = posixpath.normpath(path).lstrip("/")
@@ -82,9 +92,40 @@ class Handler(http.server.BaseHTTPRequestHandler):
             with open(os.path.join(self.server.directory, name), "rb") as file:
                 body = file.read()
         except OSError:
+            self.log_request_line(path)
             self.send_page(404)
             return
-        self.send_headers(200, number if fault == "declare" else len(body))
+        headers = {}
+        if fault != "noetag":
+            headers["ETag"] = '"%s"' % hashlib.sha256(body).hexdigest()[:16]
+        if self.headers.get("If-None-Match") == headers.get("ETag", ""):
+            self.log_request_line(path, 304)
+            self.send_headers(304, None, **headers)
+            return
+        start = self.range_start(headers.get("ETag")) if fault != "norange" else None
+        if start is not None and start >= len(body):
+            self.log_request_line(path, 416)
+            self.send_page(416)
+            return
+        if start is None:
+            self.log_request_line(path)
+            self.send_headers(200, number if fault == "declare" else len(body), **headers)
+        else:
+            self.log_request_line(path, "from", start)
+            first = start + (number if fault == "shift" else 0)
+            headers["Content-Range"] = "bytes %d-%d/%d" % (first, len(body) - 1, len(body))
+            body = (body[first:] + body)[: len(body) - start]  # a shift keeps the length
+            self.send_headers(206, len(body), **headers)
+        self.send_body(body, fault, number)
+
+    def range_start(self, etag):
+        """Gives where the answer starts, none for a whole file."""
+        wanted = re.fullmatch(r"bytes=(\d+)-", self.headers.get("Range", ""))
+        if not wanted or self.headers.get("If-Range", etag) != etag:
+            return None
+        return int(wanted[1])
+
+    def send_body(self, body, fault, number):
         if fault == "slow":
             self.send_slowly(body, number)
         elif fault in ("stall", "cut"):
@@ -125,6 +166,7 @@ def main():
     parser.add_argument("directory", help="what to serve")
     parser.add_argument("--log", default=os.devnull, help="file for the requests' paths")
     parser.add_argument("--faults", help="file of faults; need not be there yet")
+    parser.add_argument("--certificate", help="PEM file of a certificate and its key: HTTPS")
     parser.add_argument("--port", type=int, default=0, help="default: a free one")
     arguments = parser.parse_args()
 
@@ -133,6 +175,10 @@ def main():
     server.directory = arguments.directory
     server.log = arguments.log
     server.faults = arguments.faults
+    if arguments.certificate:
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        context.load_cert_chain(arguments.certificate)
+        server.socket = context.wrap_socket(server.socket, server_side=True)
     print(server.server_port, flush=True)
     try:
         server.serve_forever()

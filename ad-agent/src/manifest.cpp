@@ -1,4 +1,4 @@
-#include "cache_manifest.h"
+#include "manifest.h"
 
 #include "glib_owned.h"
 #include "log.h"
@@ -8,7 +8,9 @@
 
 namespace ad_agent {
 
-std::string read_cache_version(const std::string& path) {
+namespace {
+
+std::string read_version(const std::string& path, const char* root, const char* child) {
     TiXmlDocument document(path);
     if (!document.LoadFile()) {
         // One that is missing or empty is a device's first; what a torn one still
@@ -16,14 +18,24 @@ std::string read_cache_version(const std::string& path) {
         const int reason = document.ErrorId();
         if (reason != TiXmlBase::TIXML_ERROR_OPENING_FILE &&
             reason != TiXmlBase::TIXML_ERROR_DOCUMENT_EMPTY)
-            log_line("cache manifest " + path + ": " + document.ErrorDesc());
+            log_line("manifest " + path + ": " + document.ErrorDesc());
         return NO_VERSION;
     }
 
     const TiXmlElement* element =
-        TiXmlHandle(&document).FirstChild("Cache").FirstChildElement("SoVersion").ToElement();
+        TiXmlHandle(&document).FirstChild(root).FirstChildElement(child).ToElement();
     const char* text = element ? element->GetText() : nullptr;
     return text ? text : NO_VERSION;
+}
+
+}  // namespace
+
+std::string read_cache_version(const std::string& path) {
+    return read_version(path, "Cache", "SoVersion");
+}
+
+std::string read_firmware_copy_version(const std::string& path) {
+    return read_version(path, "Zel", "Version");
 }
 
 bool write_cache_version(const DataFolder& folder, const std::string& name,

@@ -1,0 +1,36 @@
+// Any bytes that a server may send as its index: they are refused with a reason,
+// or give values that are safe to act on.
+#include "update_index.h"
+#include "version.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+
+namespace {
+
+void require(bool condition) {
+    if (!condition) abort();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const std::string text(reinterpret_cast<const char*>(data), size);
+    std::string error;
+    const auto index = ad_agent::parse_update_index(text, error);
+    require(index.has_value() == error.empty());
+    if (!index) return 0;
+
+    require(ad_agent::is_version(index->version));
+    require(index->size > 0 && index->size <= ad_agent::MAX_IMAGE_SIZE);
+    require(index->sha256.size() == 64);
+    require(index->file.find_first_of("/\\%?# ") == std::string::npos && index->file[0] != '.');
+    require(index->min_firmware.find('\n') == std::string::npos);
+    for (const char* firmware : {"", "T-1200.1", "9"}) {
+        const std::string mismatch = ad_agent::firmware_mismatch(*index, firmware);
+        const bool for_any = index->min_firmware.empty() && index->max_firmware.empty();
+        require(!for_any || mismatch.empty());
+    }
+    return 0;
+}

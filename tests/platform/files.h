@@ -1,0 +1,77 @@
+/**
+ * Files as an editor leaves them, and waiting for the main loop to notice.
+ */
+#pragma once
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <glib.h>
+#include <gtest/gtest.h>
+
+namespace simulated_platform_tests {
+
+/** A folder that goes with the object. */
+class TemporaryFolder {
+public:
+    TemporaryFolder() {
+        std::string name = testing::TempDir() + "/platform-XXXXXX";
+        if (!mkdtemp(name.data())) ADD_FAILURE() << "mkdtemp " << name;
+        path_ = name;
+    }
+    ~TemporaryFolder() { std::filesystem::remove_all(path_); }
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+    std::string file(const std::string& name) const { return path_ / name; }
+
+private:
+    std::filesystem::path path_;
+};
+
+inline void write_in_place(const std::string& path, const std::string& text) {
+    std::ofstream file(path, std::ios::trunc);
+    file << text << std::flush;
+    ASSERT_TRUE(file.good()) << path;
+}
+
+inline void rename_over(const std::string& path, const std::string& text) {
+    write_in_place(path + ".new", text);
+    std::filesystem::rename(path + ".new", path);
+}
+
+inline std::vector<std::string> lines_of(const std::string& path) {
+    std::ifstream file(path);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(file, line);) lines.push_back(line);
+    return lines;
+}
+
+/** Runs the main loop until the condition holds; false when it never does. */
+template <typename Condition>
+bool wait_until(Condition condition) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    // Wakes up a loop in which nothing else happens, so that the deadline holds.
+    const guint alarm = g_timeout_add(
+        100, [](gpointer) -> gboolean { return TRUE; }, nullptr);
+    bool holds = condition();
+    while (!holds && std::chrono::steady_clock::now() < deadline) {
+        g_main_context_iteration(nullptr, TRUE);
+        holds = condition();
+    }
+    g_source_remove(alarm);
+    return holds;
+}
+
+/** Runs what the main loop has to do already. */
+inline void run_pending() {
+    while (g_main_context_iteration(nullptr, FALSE)) {
+    }
+}
+
+}  // namespace simulated_platform_tests
