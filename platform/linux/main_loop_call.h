@@ -1,0 +1,28 @@
+#pragma once
+
+#include <atomic>
+
+namespace linux_platform {
+
+/**
+ * A function that other threads have called on the thread of GLib's default
+ * main context. Lives as long as the process.
+ */
+class MainLoopCall {
+public:
+    explicit MainLoopCall(void (*function)()) : function_(function) {}
+
+    /**
+     * Has the function called once the main loop gets to it. Requests that come
+     * before it does are answered by that one call. From any thread.
+     */
+    void request();
+
+private:
+    static int dispatch(void* self);
+
+    void (*function_)();
+    std::atomic<bool> pending_{false};
+};
+
+}  // namespace linux_platform

@@ -1,0 +1,131 @@
+/**
+ * The network-connection service on NetworkManager. Failures are negative
+ * errno(3) values: EINVAL for a wrong handle or argument, ENOTCONN while
+ * NetworkManager or its bus is missing, ETIMEDOUT while it has not answered yet,
+ * ENODATA at the end of a walk.
+ */
+#include "network_connection.h"
+
+#include "network_clients.h"
+#include "network_monitor.h"
+
+#include <cerrno>
+
+namespace linux_platform {
+
+namespace {
+
+NetworkClients& clients() { return NetworkClients::instance(); }
+
+/** The newest snapshot for a client; 0, or why there is none. */
+int snapshot_for(connection_h connection, NetworkMonitor::Snapshot* snapshot) {
+    if (!clients().is_client(connection)) return -EINVAL;
+    *snapshot = NetworkMonitor::instance().snapshot();
+    if (!*snapshot) return -ETIMEDOUT;
+    return (*snapshot)->available ? 0 : -ENOTCONN;
+}
+
+template <typename State>
+int device_state(connection_h connection, connection_type_e type, State* state) {
+    if (!state) return -EINVAL;
+    NetworkMonitor::Snapshot snapshot;
+    const int failure = snapshot_for(connection, &snapshot);
+    if (failure) return failure;
+    *state = static_cast<State>(snapshot->state.device_states.at(type));
+    return 0;
+}
+
+}  // namespace
+
+}  // namespace linux_platform
+
+using linux_platform::clients;
+using linux_platform::device_state;
+using linux_platform::NetworkMonitor;
+using linux_platform::snapshot_for;
+
+extern "C" int connection_create(connection_h* connection) {
+    if (!connection) return -EINVAL;
+    *connection = clients().create();
+    return 0;
+}
+
+extern "C" int connection_destroy(connection_h connection) {
+    return clients().destroy(connection) ? 0 : -EINVAL;
+}
+
+extern "C" int connection_get_type(connection_h connection, connection_type_e* type) {
+    if (!type) return -EINVAL;
+    NetworkMonitor::Snapshot snapshot;
+    const int failure = snapshot_for(connection, &snapshot);
+    if (failure) return failure;
+    *type = snapshot->state.type;
+    return 0;
+}
+
+extern "C" int connection_get_wifi_state(connection_h connection, connection_wifi_state_e* state) {
+    return device_state(connection, CONNECTION_TYPE_WIFI, state);
+}
+
+extern "C" int connection_get_cellular_state(connection_h connection,
+                                             connection_cellular_state_e* state) {
+    return device_state(connection, CONNECTION_TYPE_CELLULAR, state);
+}
+
+extern "C" int connection_get_ethernet_state(connection_h connection,
+                                             connection_ethernet_state_e* state) {
+    return device_state(connection, CONNECTION_TYPE_ETHERNET, state);
+}
+
+extern "C" int connection_get_bt_state(connection_h connection, connection_bt_state_e* state) {
+    return device_state(connection, CONNECTION_TYPE_BT, state);
+}
+
+extern "C" int connection_set_type_changed_cb(connection_h connection,
+                                              connection_type_changed_cb callback,
+                                              void* user_data) {
+    if (!callback) return -EINVAL;
+    return clients().set_type_callback(connection, callback, user_data) ? 0 : -EINVAL;
+}
+
+extern "C" int connection_get_profile_iterator(connection_h connection,
+                                               connection_iterator_type_e type,
+                                               connection_profile_iterator_h* iterator) {
+    if (!iterator || type != CONNECTION_ITERATOR_TYPE_REGISTERED) return -EINVAL;
+    NetworkMonitor::Snapshot snapshot;
+    const int failure = snapshot_for(connection, &snapshot);
+    if (failure) return failure;
+    *iterator = clients().create_iterator(snapshot->profiles);
+    return 0;
+}
+
+extern "C" bool connection_profile_iterator_has_next(connection_profile_iterator_h iterator) {
+    return clients().peek(iterator) != nullptr;
+}
+
+extern "C" int connection_profile_iterator_next(connection_profile_iterator_h iterator,
+                                                connection_profile_h* profile) {
+    if (!profile) return -EINVAL;
+    connection_profile_h next = clients().peek(iterator);
+    if (!next) return -ENODATA;
+    clients().advance(iterator);
+    *profile = next;
+    return 0;
+}
+
+extern "C" int connection_profile_get_type(connection_profile_h profile,
+                                           connection_profile_type_e* type) {
+    if (!type) return -EINVAL;
+    return clients().profile_type(profile, type) ? 0 : -EINVAL;
+}
+
+extern "C" int connection_profile_set_state_changed_cb(connection_profile_h profile,
+                                                       connection_profile_state_changed_cb callback,
+                                                       void* user_data) {
+    if (!callback) return -EINVAL;
+    return clients().set_profile_callback(profile, callback, user_data) ? 0 : -EINVAL;
+}
+
+extern "C" int connection_profile_unset_state_changed_cb(connection_profile_h profile) {
+    return clients().set_profile_callback(profile, nullptr, nullptr) ? 0 : -EINVAL;
+}

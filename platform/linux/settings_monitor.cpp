@@ -1,0 +1,118 @@
+#include "settings_monitor.h"
+
+#include "main_loop_call.h"
+
+#include <utility>
+
+#include <unistd.h>
+
+namespace linux_platform {
+
+namespace {
+
+/** The session bus, or root's when the process belongs to no session: a service has none. */
+TextPointer settings_bus_address(GError** error) {
+    TextPointer address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SESSION, nullptr, error));
+    if (address) return address;
+    const std::string socket = "/run/user/" + std::to_string(geteuid()) + "/bus";
+    if (!g_file_test(socket.c_str(), G_FILE_TEST_EXISTS)) return nullptr;
+    g_clear_error(error);
+    return TextPointer(g_strdup(("unix:path=" + socket).c_str()));
+}
+
+/** Whether a change announced for a key, or for a folder (ending in "/"), is one of the key. */
+bool concerns(const std::string& changed, const std::string& key) {
+    if (changed == key) return true;
+    return !changed.empty() && changed.back() == '/' &&
+           key.compare(0, changed.size(), changed) == 0;
+}
+
+}  // namespace
+
+SettingsMonitor& SettingsMonitor::instance() {
+    // Never destroyed: its thread runs until the process ends.
+    static auto* monitor = new SettingsMonitor();
+    return *monitor;
+}
+
+SettingsMonitor::SettingsMonitor()
+    : bus_("ad-settings", settings_bus_address, {[this] { connected(); }, [] {}}) {}
+
+void SettingsMonitor::watch(const std::string& key, const std::string& path,
+                            vconf_callback_fn callback, void* user_data) {
+    auto watch = std::make_unique<Watch>();
+    watch->key = key;
+    watch->path = path;
+    watch->callback = callback;
+    watch->user_data = user_data;
+    {
+        // Together with the reading, so that no change falls in between.
+        const std::lock_guard<std::mutex> lock(mutex_);
+        watch->value = read_settings_value(path);
+        watches_.push_back(std::move(watch));
+    }
+    bus_.start();
+}
+
+std::vector<SettingsMonitor::Watch*> SettingsMonitor::watches() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    std::vector<Watch*> all;
+    all.reserve(watches_.size());
+    for (const auto& watch : watches_) all.push_back(watch.get());
+    return all;
+}
+
+void SettingsMonitor::connected() {
+    // Whoever the sender is, the database has the last word.
+    bus_.subscribe(nullptr, "ca.desrt.dconf.Writer", "Notify", nullptr, nullptr,
+                   &SettingsMonitor::on_notify, this);
+    bus_.complete_subscriptions();
+    read_changed("/");
+}
+
+void SettingsMonitor::on_notify(GDBusConnection* /*connection*/, const char* /*sender*/,
+                                const char* /*path*/, const char* /*interface*/,
+                                const char* /*signal*/, GVariant* parameters, void* self) {
+    if (!g_variant_is_of_type(parameters, G_VARIANT_TYPE("(sass)"))) return;
+    const char* prefix = nullptr;
+    GVariantIter* iterator = nullptr;
+    const char* tag = nullptr;
+    g_variant_get(parameters, "(&sas&s)", &prefix, &iterator, &tag);
+    const VariantIterPointer changes(iterator);
+    const char* change = nullptr;
+    while (g_variant_iter_next(changes.get(), "&s", &change)) {
+        static_cast<SettingsMonitor*>(self)->read_changed(std::string(prefix) + change);
+    }
+}
+
+void SettingsMonitor::read_changed(const std::string& changed) {
+    static MainLoopCall call([] { instance().report(); });
+    bool any = false;
+    for (Watch* watch : watches()) {
+        if (!concerns(changed, watch->path)) continue;
+        const std::lock_guard<std::mutex> lock(mutex_);
+        SettingsValue value = read_settings_value(watch->path);
+        if (value == watch->value) continue;
+        watch->value = std::move(value);
+        ++watch->changes;
+        any = true;
+    }
+    if (any) call.request();
+}
+
+bool SettingsMonitor::take_change(Watch& watch, settings_keynode* node) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (watch.reported == watch.changes) return false;
+    watch.reported = watch.changes;
+    *node = {watch.key, watch.value};
+    return true;
+}
+
+void SettingsMonitor::report() {
+    for (Watch* watch : watches()) {
+        settings_keynode node;
+        if (take_change(*watch, &node)) watch->callback(&node, watch->user_data);
+    }
+}
+
+}  // namespace linux_platform

@@ -1,0 +1,99 @@
+#include "platform_test.h"
+
+#include <thread>
+
+namespace platform_linux_test {
+
+namespace {
+
+const char* const RESTORE = R"(
+rm -f /run/go-on
+mountpoint -q /etc/os-release && umount /etc/os-release
+for link in $(ip -o link | sed -n 's/^[0-9]*: \(test[a-z0-9]*\).*/\1/p'); do ip link del $link; done
+ip link set far0 up
+dconf reset -f /
+for uuid in $(nmcli -g UUID,TYPE connection | sed -n 's/:loopback$//;t;s/:.*//p'); do
+    nmcli -t connection delete $uuid
+done
+)";
+
+}  // namespace
+
+std::string Probe::ask(const std::string& command) {
+    send(command);
+    const std::string name = command.substr(0, command.find(' '));
+    const auto line = pick(" " + name + " ", PATIENCE);
+    if (!line) return "no answer to " + command;
+    return line->substr(line->find(name) + name.size() + 1);
+}
+
+testing::AssertionResult Probe::comes_to(const std::string& command, const std::string& answer) {
+    const auto end = std::chrono::steady_clock::now() + PATIENCE;
+    std::string last;
+    do {
+        last = ask(command);
+        if (last == answer) return testing::AssertionSuccess();
+        std::this_thread::sleep_for(5ms);
+    } while (std::chrono::steady_clock::now() < end);
+    return testing::AssertionFailure() << command << " still gives " << last;
+}
+
+testing::AssertionResult Probe::sees(const std::string& event) {
+    if (await(" " + event, PATIENCE)) return testing::AssertionSuccess();
+    return testing::AssertionFailure() << "no \"" << event << "\" in:\n" << transcript();
+}
+
+testing::AssertionResult Probe::sees_no(const std::string& event, std::chrono::milliseconds time) {
+    for (const std::string& line : collect(time)) {
+        if (line.find(" " + event) == std::string::npos) continue;
+        return testing::AssertionFailure() << "\"" << line << "\" in:\n" << transcript();
+    }
+    return testing::AssertionSuccess();
+}
+
+void PlatformTest::SetUp() {
+    if (!test_support::in_linux_services()) GTEST_SKIP() << test_support::NO_NAMESPACES;
+    static bool fresh = true;
+    if (!fresh) {
+        services("resume");
+        service("start");
+        shell(RESTORE);
+    }
+    fresh = false;
+}
+
+void PlatformTest::must(const std::string& command) {
+    const test_support::Outcome outcome = shell(command);
+    ASSERT_EQ(outcome.status, 0) << command << "\n" << outcome.output;
+}
+
+void PlatformTest::service(const std::string& arguments) {
+    const test_support::Outcome outcome = services(arguments);
+    ASSERT_EQ(outcome.status, 0) << arguments << "\n" << outcome.output;
+}
+
+void PlatformTest::write_setting(const std::string& key, const std::string& value) {
+    must("dconf write /" + key + " \"" + value + "\"");
+}
+
+void PlatformTest::await_network(const std::string& state) {
+    must("for i in $(seq 400); do [ \"$(nmcli -t -f STATE general)\" = " + state +
+         " ] && exit; sleep 0.02; done; exit 1");
+    std::this_thread::sleep_for(200ms);
+}
+
+void PlatformTest::add_wired(const std::string& name, const std::string& more) {
+    must("nmcli -t connection add type ethernet con-name '" + name +
+         "' ifname eth0 ipv4.method manual ipv4.addresses 10.9.0.2/24 ipv6.method disabled " +
+         (more.empty() ? "ipv4.gateway 10.9.0.1" : more));
+}
+
+long time_of(const std::string& line) { return std::stol(line); }
+
+}  // namespace platform_linux_test
+
+int main(int argc, char** argv) {
+    test_support::enter_linux_services(argc, argv);
+    testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}

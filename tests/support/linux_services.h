@@ -1,0 +1,37 @@
+/** Real services in private namespaces (device/linux-services), for tests and benchmarks. */
+#ifndef TEST_SUPPORT_LINUX_SERVICES_H
+#define TEST_SUPPORT_LINUX_SERVICES_H
+
+#include <string>
+
+namespace test_support {
+
+/**
+ * Has the program start anew in namespaces of its own with every service
+ * running; returns there, and where namespaces cannot be made. To be called
+ * first in main.
+ */
+void enter_linux_services(int argc, char** argv);
+
+/** Whether this process is in such namespaces. */
+bool in_linux_services();
+
+/** Why a test has to be skipped where it is not. */
+extern const char* const NO_NAMESPACES;
+
+struct Outcome {
+    /** The exit status, or 128 and the signal's number. */
+    int status = 0;
+    /** Standard output and standard error. */
+    std::string output;
+};
+
+/** Runs a shell command to its end. */
+Outcome shell(const std::string& command);
+
+/** device/linux-services with these arguments, such as "kill network". */
+Outcome services(const std::string& arguments);
+
+}  // namespace test_support
+
+#endif
