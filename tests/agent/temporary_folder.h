@@ -10,6 +10,13 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <utility>
+#include <vector>
+
+using Names = std::set<std::string>;
+
+/** What is done or given, and what must come of it. */
+using Cases = std::vector<std::pair<std::string, std::string>>;
 
 class TemporaryFolder {
 public:
@@ -37,16 +44,17 @@ inline void write_file(const std::filesystem::path& path, const std::string& tex
 }
 
 inline std::string read_file(const std::filesystem::path& path) {
-    std::ifstream file(path, std::ios::binary);
     std::ostringstream text;
-    text << file.rdbuf();
+    text << std::ifstream(path, std::ios::binary).rdbuf();
     return text.str();
 }
 
-inline std::set<std::string> names_in(const std::filesystem::path& folder) {
-    std::set<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(folder))
-        names.insert(entry.path().filename());
+inline Names names_in(const std::filesystem::path& folder, const std::string& start = "") {
+    Names names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+        const std::string name = entry.path().filename();
+        if (name.compare(0, start.size(), start) == 0) names.insert(name);
+    }
     return names;
 }
 
