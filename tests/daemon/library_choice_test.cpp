@@ -15,12 +15,16 @@ TEST_F(FirmwareVersion, IsComparedByteByByte) {
     device.let("current", "{query} | N Current Firmware Version= T-1200.3 | open {version_file} r");
     device.remove("{version_file}");
     EXPECT_RUN(check(), false, "{current} | N No File");
+    for (const std::string other :
+         {"T-1200.3\n", "t-1200.3", "T-1200.3 ", "T-1200", "a\nT-1200.3"}) {
+        device.put("{version_file}", other);
+        EXPECT_FALSE(check()) << other;
+    }
+    device.put("{version_file}", std::string("T-1200.3\0", 9));
+    EXPECT_FALSE(check()) << "the zero counts";
+    transcript();
     device.put("{version_file}");
     EXPECT_RUN(check(), false, "{current} | N No data");
-    for (const std::string& other : {std::string("T-1200.3\n"), std::string("T-1200.3\0", 9)}) {
-        device.put("{version_file}", other);
-        EXPECT_RUN(check(), false, "{current} | ...");
-    }
     device.put("{version_file}", "T-1200.3");
     EXPECT_RUN(check(), true,
                "{current} | N File Firmware Version= T-1200.3 | N Firmware version is same");
@@ -50,30 +54,44 @@ TEST_F(FirmwareVersion, IsWrittenWithoutAnythingAround) {
 }
 
 TEST_F(LibraryChoice, ReadsOneTextFromAManifest) {
-    const auto read = [this] { return daemon_.m_GetXmlValue("/opt/m.xml", "Cache", "SoVersion"); };
     const std::pair<std::string, std::string> rows[] = {
         {"<?xml version=\"1.0\"?>\n<!-- c -->\n<Cache>\n <SoVersion>2</SoVersion>\n</Cache>", "2"},
         {"<Cache><V>1</V><SoVersion>2</SoVersion><SoVersion>3</SoVersion></Cache>", "2"},
         {"<Zel><SoVersion>1.05</SoVersion></Zel>", ""},
+        {"<Cache><Version>1.05</Version></Cache>", ""},
         {"<Cache><a><SoVersion>1.05</SoVersion></a></Cache>", ""},
         {"<Cache><SoVersion/></Cache>", ""},
         {"not a manifest", ""},
     };
-    device.let("file", "N [CADAgentd] m_GetXmlValue, file /opt/m.xml, first key");
-    device.let("entry", "{file} Cache, secodn key SoVersion");
-    EXPECT_RUN(read(), "", R"({entry} | missing /opt/m.xml
-        E [CADAgentd]zelADAgent Xml file /opt/m.xml not existed.)");
+    device.let("entry", "N [CADAgentd] m_GetXmlValue, file /opt/m.xml, first key");
     for (const auto& [content, value] : rows) {
         const std::string line = "| N [CADAgentd] m_GetXmlValue so version = " + value;
         device.put("/opt/m.xml", content);
-        EXPECT_RUN(
-            read(), value,
-            "{entry} | exists /opt/m.xml | open /opt/m.xml rb" + (value.empty() ? "" : line));
+        EXPECT_RUN(daemon_.m_GetXmlValue("/opt/m.xml", "Cache", "SoVersion"), value,
+                   "{entry} Cache, secodn key SoVersion | exists /opt/m.xml | open /opt/m.xml rb" +
+                       (value.empty() ? "" : line));
     }
     EXPECT_RUN(daemon_.m_GetXmlValue("/opt/m.xml", "", "b"), "",
-               "{file} , secodn key b | E [CADAgentd]input sKey is empty.");
+               "{entry} , secodn key b | E [CADAgentd]input sKey is empty.");
     EXPECT_RUN(daemon_.m_GetXmlValue("/opt/m.xml", "a", ""), "",
-               R"({file} a, secodn key\s | E [CADAgentd]input sKey is empty.)");
+               R"({entry} a, secodn key\s | E [CADAgentd]input sKey is empty.)");
+}
+
+/** Puts a manifest in its place, or none for no version, and gives the steps of reading it. */
+std::string manifest(const std::string& file, const std::string& root, const std::string& child,
+                     const std::string& version) {
+    const std::string entry = "N [CADAgentd] m_GetXmlValue, file {" + file + "}, first key " +
+                              root + ", secodn key " + child + "|";
+    const std::string tag = child + ">";
+    device.let("file", "{" + file + "}").remove("{file}");
+    if (version.empty()) {
+        return expand(entry +
+                      "missing {file} | E [CADAgentd]zelADAgent Xml file {file} not existed.");
+    }
+    device.put("{file}", "<" + root + "><" + tag + version + "</" + tag + "</" + root + ">");
+    return expand(
+        entry +
+        "exists {file} | open {file} rb | N [CADAgentd] m_GetXmlValue so version = " + version);
 }
 
 TEST_F(LibraryChoice, FallsBackOnlyWhenTheNumberIsLower) {
@@ -89,26 +107,28 @@ TEST_F(LibraryChoice, FallsBackOnlyWhenTheNumberIsLower) {
         {"1.04", "1.05"},
         {"2.10", "2.9"},
         {"1.9", "1.10", "1.100000 and zelADAgent ver is 1.900000"},
+        {"0.1", "abc", "0.000000 and zelADAgent ver is 0.100000"},
         {"2.0x", "1.5y", "1.500000 and zelADAgent ver is 2.000000"},
         {"-1", "abc"},
         {"1.0", "nan"},
+        {"nan", "1.0"},
         // Equal once they are narrowed, though the texts are not.
         {"16777217", "16777216"},
-        // No text counts as zero.
+        {"16777219", "16777217", "16777216.000000 and zelADAgent ver is 16777220.000000"},
+        // No manifest gives nothing, which counts as zero.
         {"", ""},
+        {"", "0.01"},
         {"0", ""},
         {"0.01", "", "0.000000 and zelADAgent ver is 0.010000"},
     };
     EXPECT_RUN(daemon_.m_GetValidSoFile(), expand("{firmware_agent}"), "missing {opt_agent}");
-    for (const auto& [firmware, cache, fallback] : rows) {
-        device.put("{opt_agent}").let("fallback", fallback);
-        device.put("{firmware_xml}", "<Zel><Version>" + firmware + "</Version></Zel>");
-        device.put("{cache_xml}", "<Cache><SoVersion>" + cache + "</SoVersion></Cache>");
-        const std::string line = "| N [CADAgentd] m_GetXmlValue so version = " + cache;
-        device.let("read", "open {cache_xml} rb" + (cache.empty() ? "" : line));
-        EXPECT_RUN(daemon_.m_GetValidSoFile(),
-                   expand(fallback.empty() ? "{opt_agent}" : "{firmware_agent}"),
-                   fallback.empty() ? "exists {opt_agent} | ... | {read}" : R"(... | {read}
+    for (const Row& row : rows) {
+        const bool stays = row.fallback.empty();
+        device.put("{opt_agent}").let("fallback", row.fallback);
+        device.let("read", manifest("firmware_xml", "Zel", "Version", row.firmware) + "|" +
+                               manifest("cache_xml", "Cache", "SoVersion", row.cache));
+        EXPECT_RUN(daemon_.m_GetValidSoFile(), expand(stays ? "{opt_agent}" : "{firmware_agent}"),
+                   stays ? "exists {opt_agent} | {read}" : R"(exists {opt_agent} | {read}
             N [CADAgentd] lib so version smaller than zelADAgent version, lib so ver is {fallback}
             exists {opt_lib} | removed remove_usr_lib_path
             missing {opt_lib} | created create_path_usr_lib | missing {stored})");

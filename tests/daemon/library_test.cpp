@@ -6,15 +6,18 @@ namespace {
 
 class Library : public DaemonTest {};
 
-TEST_F(Library, OnlyAnEmptyNameKeepsTheHandle) {
+TEST_F(Library, StartGoesByTheLoadersErrorAndKeepsTheHandle) {
     CADLibs libs;
     EXPECT_STEPS("N Construct");
+    device.not_found = {"/lib/b.so", "/lib/c.so"};
+    device.loader_errors = {"/lib/b.so", "/lib/d.so"};
     EXPECT_RUN(libs.Start("/lib/a.so"), true, "opened /lib/a.so");
+    EXPECT_RUN(libs.Start("/lib/d.so"), false, "not_opened /lib/d.so");
     EXPECT_RUN(libs.Start(""), false, R"(N [CADLibs] Start, lib so name is\s
         E ERROR: Input lib so name is empty | N [CADLibs] Start end)");
     EXPECT_NE(libs.m_sDlHandle, nullptr);
-    device.loader_errors = {"/lib/b.so"};
     EXPECT_RUN(libs.Start("/lib/b.so"), false, "not_opened /lib/b.so");
+    EXPECT_RUN(libs.Start("/lib/c.so"), true, "opened /lib/c.so");
     EXPECT_EQ(libs.m_sDlHandle, nullptr);
 }
 

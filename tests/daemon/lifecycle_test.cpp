@@ -1,6 +1,8 @@
 #include "adagentd.h"
 #include "recorder.h"
 
+#include <new>
+
 /** The daemon's own. */
 extern "C" int __real_main();  // NOLINT(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
@@ -28,7 +30,7 @@ TEST_F(Lifecycle, AWholeDayIsWrittenLineByLine) {
     device.put("{version_file}", "T-1200.3").put("{opt_agent}").put("{stored}");
     device.put("{firmware_xml}", "<Zel><Version>1.00</Version></Zel>");
     device.put("{cache_xml}", "<Cache><SoVersion>1.05</SoVersion></Cache>");
-    device.put("{mount_point}/").put("/opt/down/zels/zelADAgent/");
+    device.make_directory("{mount_point}").make_directory("/opt/down/zels/zelADAgent");
     device.update_result = 1;
     device.in_loop = [] {
         ASSERT_NE(gpadagentd, nullptr);
@@ -110,6 +112,23 @@ TEST_F(Lifecycle, AWholeDayIsWrittenLineByLine) {
         g_main_loop_unref | N reset signal handler to default
         signal 15 default | signal 2 default | signal 1 default)");
     EXPECT_EQ(gpadagentd, nullptr);
+    std::string places;
+    for (const auto& [file, functions] : origins) {
+        places += file + ":";
+        for (const std::string& function : functions) places += " " + function;
+        places += "\n";
+    }
+    EXPECT_EQ(
+        places,
+        "ADLibs.cpp: CADLibs Destory GetAdAgentClear GetAdAgentConfigServer "
+        "GetAdAgentGetSoVersion GetAdAgentInit GetAdAgentSetSoVersion GetAdAgentUpdate Start "
+        "m_GetHanlder ~CADLibs\nADUtils.cpp: ad_copy ad_copy_lib ad_copy_lib_fwk "
+        "ad_copy_lib_player ad_copy_player_res ad_mount ad_mounter_create ad_replace_img ad_umount "
+        "check_existed system_cmd\nCADAgentd.cpp: CADAgentd Start UnRegisterNetWorkStateChangeCB "
+        "m_CheckFirmVersion m_CheckZelPath m_DownloadImg m_GetConnectionProfile m_GetImgVersion "
+        "m_GetXmlValue m_IsValidNetwork m_ReplaceLibSo m_RequestData m_Update "
+        "m_VConfLanguageChangeCB t_Initialize ~CADAgentd\n"
+        "adagentd.cpp: adagentd_Start main sig_quit\n");
 }
 
 TEST_F(Lifecycle, ItEndsWithoutALoop) {
@@ -136,7 +155,13 @@ TEST_F(Lifecycle, TheUnusedHandlerTearsDownOnTermination) {
     end();
     EXPECT_STEPS(R"(N Destory | N UnRegisterNetWorkStateChangeCB in
         connection_profile_unset_state_changed_cb null | connection_destroy connection)");
-    // A closed gate is handed on; a library without the entry is closed all the same.
+}
+
+TEST_F(Lifecycle, AFailedStartIsHandedOn) {
+    device.throws_on_watch = true;
+    EXPECT_THROW(adagentd_Start(), std::bad_alloc);
+    EXPECT_EQ(gpadagentd, nullptr);
+    device.throws_on_watch = false;
     device.connection_type = 0;
     device.loader_errors = {"ad_agent_clear"};
     EXPECT_FALSE(adagentd_Start());

@@ -2,51 +2,62 @@
 #include "recorder.h"
 
 #include <filesystem>
-#include <tuple>
 
 namespace daemon_tests {
 namespace {
 
 class MounterCommands : public DaemonTest {
 protected:
-    MounterCommands() { device.put("{stored}").put("{mount_point}/"); }
+    MounterCommands() { device.put("{stored}").make_directory("{mount_point}"); }
 };
 
 TEST_F(MounterCommands, AStatusCountsOnlyAsANormalExitWithZero) {
-    const auto run = [] { return system_cmd("tool a b"); };
-    device.let("begin", "N system command:[tool a b] | sh tool a b | N system return value =");
-    device.answers["tool"] = {0, 0xff00, 0x8b, 0x137f, 0x40, -1};
-    EXPECT_RUN(run(), 1, "ran tool a b");
-    EXPECT_RUN(run(), 0, "{begin} [0xff00] | E run sub process failed, exit status code: 255.");
-    for (const char* status : {"[0x8b]", "[0x137f]", "[0x40]"}) {
-        EXPECT_RUN(run(), 0, std::string("{begin} ") + status + "| E exit value = [0]");
+    device.let("begin", "N system command:[tool a b] | sh tool a b");
+    EXPECT_RUN(system_cmd("tool a b"), 1, "ran tool a b");
+    const std::pair<int, std::string> rows[] = {
+        {0x100, "[0x100] | E run sub process failed, exit status code: 1."},
+        {0xff00, "[0xff00] | E run sub process failed, exit status code: 255."},
+        {0x8b, "[0x8b] | E exit value = [0]"},
+        {0x137f, "[0x137f] | E exit value = [0]"},
+        {0x40, "[0x40] | E exit value = [0]"},
+    };
+    for (const auto& [status, steps] : rows) {
+        device.answers["tool"] = {status};
+        EXPECT_RUN(system_cmd("tool a b"), 0, "{begin} | N system return value = " + steps);
     }
-    EXPECT_RUN(run(), 0, R"(N system command:[tool a b] | sh tool a b
-        E system error, failed to create sub process tool a b.)");
+    device.answers["tool"] = {-1};
+    EXPECT_RUN(system_cmd("tool a b"), 0,
+               "{begin} | E system error, failed to create sub process tool a b.");
     EXPECT_RUN(system_cmd(nullptr), 0,
                "N system command:[(null)] | E Input system command is NULL");
 }
 
-TEST_F(MounterCommands, ExistenceIsToldThroughLinks) {
+TEST_F(MounterCommands, ExistenceIsToldForFilesAndDirectoriesAlike) {
     std::filesystem::create_symlink("nowhere", device.host_path("/opt/dangling"));
+    EXPECT_RUN(check_existed("/usr/lib/libad-agent-fwk.so"), 1, "exists {firmware_agent}");
     EXPECT_RUN(check_existed("/opt/usr/lib"), 1, "exists {opt_lib}");
     EXPECT_RUN(check_existed("/opt/dangling"), 0, "missing /opt/dangling");
     EXPECT_RUN(check_existed(nullptr), 0, "N [check_existed]:[(null)]");
 }
 
 TEST_F(MounterCommands, NamesAreHandedToTheToolInAtMost254Characters) {
+    device.answers["a_name"] = {0, 0, 0x200, 0x200};
+    EXPECT_RUN(ad_mounter_create("a_name"), 1, "created a_name");
+    EXPECT_RUN(ad_remove_lib_so_path("a_name"), 1, "removed a_name");
+    EXPECT_RUN(ad_mounter_create("a_name"), 0, "not_created a_name");
+    EXPECT_RUN(ad_remove_lib_so_path("a_name"), 0, "not_removed a_name");
+    EXPECT_RUN(ad_mounter_create(nullptr), 0,
+               "N ad_mounter_create in | E ad_mounter_create input scommand is NULL");
+    EXPECT_RUN(ad_remove_lib_so_path(nullptr), 0,
+               "N ad_remove_lib_so_path in | E ad_remove_lib_so_path input scommand is NULL");
+
     const std::string name(300, 'x');
-    for (const auto& [function, verb, me] :
-         {std::tuple(&ad_mounter_create, "create", "ad_mounter_create"),
-          std::tuple(&ad_remove_lib_so_path, "remove", "ad_remove_lib_so_path")}) {
-        device.let("did", verb + std::string("d a_name")).let("me", me);
-        device.let("cut", ("ad-mounter --" + std::string(verb) + " " + name).substr(0, 254));
-        EXPECT_RUN(function("a_name"), 1, "{did}");
-        device.fail("a_name");
-        EXPECT_RUN(function("a_name"), 0, "not_{did}");
-        EXPECT_RUN(function(nullptr), 0, "N {me} in | E {me} input scommand is NULL");
-        EXPECT_RUN(function(name.c_str()), 1, "... | N {me}, syscmd:{cut} | ran {cut} | ...");
-    }
+    device.let("create", ("ad-mounter --create " + name).substr(0, 254));
+    device.let("remove", ("ad-mounter --remove " + name).substr(0, 254));
+    EXPECT_RUN(ad_mounter_create(name.c_str()), 1,
+               "... | N ad_mounter_create, syscmd:{create} | ran {create} | ...");
+    EXPECT_RUN(ad_remove_lib_so_path(name.c_str()), 1,
+               "... | N ad_remove_lib_so_path, syscmd:{remove} | ran {remove} | ...");
 }
 
 TEST_F(MounterCommands, AnImageIsMountedAndUnmounted) {
@@ -88,36 +99,50 @@ TEST_F(MounterCommands, ACopiedLibraryIsAcceptedByItsSize) {
     // No limit of length here: the line is longer than the other commands' buffers.
     const std::string source = "/opt/" + std::string(150, 's');
     const std::string target = "/opt/" + std::string(150, 't');
-    const auto copy = [&] { return ad_copy_lib(source.c_str(), target.c_str()); };
-    device.let("source", source).let("target", target);
-    device.let("end", R"(E [ad_copy_lib] copy lib with error size !!\n)");
-    device.let("from", "open {source} rb | N [ad_copy_lib] CopyLib, srcLibSize =");
-    device.let("to", "ran ad-mounter --copylib {source} {target} | open {target} rb");
-    device.let("sized", "{to} | N [ad_copy_lib] destLibSize =");
+    device.put(source, "four").let("source", source).let("target", target);
+    device.let("from", "open {source} rb | N [ad_copy_lib] CopyLib, srcLibSize =")
+        .let("to", "open {target} rb | N [ad_copy_lib] destLibSize =");
+    device.let("ran", "ran ad-mounter --copylib {source} {target}");
+    struct Row {
+        std::function<void()> on_command;
+        std::set<std::string> unreadable;
+        std::string steps;
+    };
+    for (const Row& row :
+         {Row{nullptr, {source}, "open {source} rb | {ran} | {to} 4"},
+          Row{nullptr, {target}, "{from} 4 | {ran} | open {target} rb"},
+          Row{nullptr, {source, target}, "open {source} rb | {ran} | open {target} rb"},
+          Row{[] { device.put("{target}", "thr"); }, {}, "{from} 4 | {ran} | {to} 3"},
+          Row{[] { device.put("{source}").put("{target}"); }, {}, "{from} 4 | {ran} | {to} 0"},
+          Row{nullptr, {}, "{from} 0 | {ran} | {to} 0"}}) {
+        device.on_command = row.on_command;
+        device.unreadable = row.unreadable;
+        EXPECT_RUN(ad_copy_lib(source.c_str(), target.c_str()), 0,
+                   "N [ad_copy_lib] use [{source}] replace [{target}]. | exists {source} |"
+                   "exists {opt_lib} |" +
+                       row.steps + R"(| E [ad_copy_lib] copy lib with error size !!\n)");
+    }
+}
+
+TEST_F(MounterCommands, ALibraryIsNotCopiedWithoutItsEnds) {
+    const auto copy = [] { return ad_copy_lib("/opt/a", "/opt/usr/lib/b"); };
     EXPECT_RUN(ad_copy_lib(nullptr, "/b"), 0, "E [ad_copy_lib] input lib so path is NULL");
     EXPECT_RUN(ad_copy_lib("/a", nullptr), 0, "E [ad_copy_lib] input lib so path is NULL");
-    EXPECT_RUN(copy(), 0, R"(N [ad_copy_lib] use [{source}] replace [{target}].
-        missing {source} | E [ad_copy_lib] libFileName [{source}] is not existed)");
-    device.put(source, "four").remove("{opt_lib}").fail("--create").fail("--copylib");
+    EXPECT_RUN(copy(), 0, R"(N [ad_copy_lib] use [/opt/a] replace [/opt/usr/lib/b].
+        missing /opt/a | E [ad_copy_lib] libFileName [/opt/a] is not existed)");
+    device.put("/opt/a", "four").remove("{opt_lib}").fail("--create").fail("--copylib");
     EXPECT_RUN(copy(), 0, R"(... | missing {opt_lib} | not_created create_path_usr_lib
         E [ad_copy_lib] ad_mounter_create {opt_lib} failed.)");
-    EXPECT_RUN(copy(), 0, R"(... | missing {opt_lib} | created create_path_usr_lib | {from} 4
-        failed ad-mounter --copylib {source} {target} | E [ad_copy_lib] copylib failed !!\n)");
-    device.unreadable = {target};
-    EXPECT_RUN(copy(), 0, "... | {from} 4 | {to} | {end}");
-    device.unreadable = {source, target};
-    EXPECT_RUN(copy(), 0, "... | open {source} rb | {to} | {end}");
-    device.unreadable = {};
-    device.on_command = [] { device.put("{target}", "thr"); };
-    EXPECT_RUN(copy(), 0, "... | {from} 4 | {sized} 3 | {end}");
-    device.put(source).on_command = [] {};
-    EXPECT_RUN(copy(), 0, "... | {from} 0 | {sized} 0 | {end}");
+    EXPECT_RUN(copy(), 0, R"(... | missing {opt_lib} | created create_path_usr_lib
+        open /opt/a rb | N [ad_copy_lib] CopyLib, srcLibSize = 4
+        failed ad-mounter --copylib /opt/a /opt/usr/lib/b
+        E [ad_copy_lib] copylib failed !!\n)");
 }
 
 TEST_F(MounterCommands, TheInstallationStopsAtTheFirstFailure) {
     system_cmd("ad-mounter --mount");
     transcript();
-    device.put("{player_res}/").fail("--remove").fail("--copy_all");
+    device.make_directory("{player_res}").fail("--remove").fail("--copy_all");
     device.let("last", "E ad_copy failed in ad_copy_player_res");
     device.let("copy", "ad-mounter --copy_all {img_res} {player_res}");
     device.let("announced", R"(ran ad-mounter --remove remove_player_res_path
@@ -142,7 +167,7 @@ TEST_F(MounterCommands, TheInstallationStopsAtTheFirstFailure) {
     EXPECT_EQ(ad_copy_lib_player(), 1);
     transcript();
     const std::string path = "/opt/" + std::string(250, 's');
-    device.put(path + "/").let("path", path);
+    device.make_directory(path).let("path", path);
     EXPECT_RUN(ad_copy_path(path.c_str(), "/opt/b"), 1,
                "exists {path} | ran ad-mounter --copy_all {path} /opt/b");
 }

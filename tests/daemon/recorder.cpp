@@ -7,8 +7,10 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <new>
 #include <sstream>
+#include <utility>
 
 #include <dlfcn.h>
 #include <glib.h>
@@ -18,11 +20,14 @@
 // The formats are the daemon's.
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 
+void sig_quit(int signal_number);
+
 namespace daemon_tests {
 
 Device device;
 std::string platform_text;
 std::string output_text;
+std::map<std::string, std::set<std::string>> origins;
 
 namespace {
 
@@ -32,26 +37,49 @@ std::string lines;
 /** What the next question for the thread id gets; too big for an int, and new each time. */
 long next_thread_id = 0;
 long files_before = 0;
-/** A statement has reached the platform log and not yet standard output. */
+
+/** The statement that has reached the platform log, and what standard output is to get. */
 bool output_pending = false;
+std::string expected_format;
+std::string expected_output;
 
 std::string formatted(const char* format, va_list arguments) {
-    char* const text = g_strdup_vprintf(format, arguments);
-    std::string result = text;
-    g_free(text);
-    return result;
+    char* text = nullptr;
+    if (vasprintf(&text, format, arguments) < 0) abort();
+    const std::unique_ptr<char, void (*)(void*)> owner(text, free);
+    return text;
 }
 
-/** What a statement says, which follows the first end of what stands before it. */
-std::string message(const std::string& text, const std::string& end) {
-    return text.substr(text.find(end) + end.size());
+/** Takes the arguments that come before the message's own, and then the message. */
+void take_platform_line(bool error, const std::string& format, va_list arguments) {
+    const std::string colour = error ? "\x1b[31m" : "\x1b[0m";
+    const std::string prefix = "%s: %s(%d) > " + colour + " [%s:%d] [Thread Id:[%ld]] ";
+    ASSERT_EQ(format.substr(0, prefix.size()), prefix);
+
+    const std::string file = va_arg(arguments, const char*);
+    const std::string function = va_arg(arguments, const char*);
+    const int line = va_arg(arguments, int);
+    EXPECT_EQ(va_arg(arguments, const char*), function);
+    EXPECT_EQ(va_arg(arguments, int), line);
+    EXPECT_EQ(va_arg(arguments, long), next_thread_id - 1);
+
+    const std::string message_format = format.substr(prefix.size());
+    const std::string message = formatted(message_format.c_str(), arguments);
+    origins[file].insert(function);
+    record((error ? "E " : "N ") + message);
+    output_pending = true;
+    expected_format = colour + " [(Thread Id:%ld): %s(%d)] " + message_format + "\n";
+    expected_output = colour + " [(Thread Id:" + std::to_string(next_thread_id) + "): " + function +
+                      "(" + std::to_string(line) + ")] " + message + "\n";
 }
 
-/** Takes a statement's text on standard output; prints one that is not the daemon's. */
+/** Takes a statement's line on standard output; prints a text that is not one's. */
 int take_output(const char* format, va_list arguments) {
-    if (!std::exchange(output_pending, false)) return vprintf(format, arguments);
+    if (!output_pending) return vprintf(format, arguments);
+    output_pending = false;
     output_text = formatted(format, arguments);
-    EXPECT_EQ(message(output_text, ")] "), message(platform_text, "]] ") + "\n");
+    EXPECT_EQ(format, expected_format);
+    EXPECT_EQ(output_text, expected_output);
     return -1;
 }
 
@@ -62,18 +90,19 @@ void run_tool(const std::string& command) {
     words >> tool >> verb >> first >> second;
     if (verb == "--mount") {
         if (!device.image_manifest.empty()) device.put("{img_xml}", device.image_manifest);
-        device.put("{img_agent}", "new agent").put("{img_player}", "new player").put("{img_res}/");
+        device.put("{img_agent}", "new agent").put("{img_player}", "new player");
+        device.make_directory("{img_res}");
     } else if (verb == "--umount") {
-        device.remove("{mount_point}").put("{mount_point}/");
+        device.remove("{mount_point}").make_directory("{mount_point}");
     } else if (verb == "--replaceimg") {
         device.image_manifest = device.downloaded_manifest;
     } else if (verb == "--copylib" && fs::exists(device.host_path(first))) {
         fs::copy_file(device.host_path(first), device.host_path(second),
                       fs::copy_options::overwrite_existing);
     } else if (first == "create_path_usr_lib") {
-        device.put("{opt_lib}/");
+        device.make_directory("{opt_lib}");
     } else if (first == "create_path_apps_zeladagent") {
-        device.put("{mount_point}/");
+        device.make_directory("{mount_point}");
     } else if (first == "remove_usr_lib_path") {
         device.remove("{opt_lib}");
     }
@@ -102,7 +131,12 @@ Device& Device::let(const std::string& name, const std::string& meaning) {
 
 Device& Device::put(const std::string& path, const std::string& content) {
     fs::create_directories(fs::path(host_path(path)).parent_path());
-    if (path.back() != '/') std::ofstream(host_path(path), std::ios::binary) << content;
+    std::ofstream(host_path(path), std::ios::binary) << content;
+    return *this;
+}
+
+Device& Device::make_directory(const std::string& path) {
+    fs::create_directories(host_path(path));
     return *this;
 }
 
@@ -117,7 +151,7 @@ Device& Device::fail(const std::string& text, int times) {
 }
 
 void record(const std::string& line) {
-    EXPECT_FALSE(std::exchange(output_pending, false)) << platform_text << " is in one log only";
+    if (std::exchange(output_pending, false)) ADD_FAILURE() << expected_output << "is not written";
     for (const char c : line) lines += c == '\n' ? "\\n" : std::string(1, c);
     if (!line.empty() && line.back() == ' ') lines.replace(lines.size() - 1, 1, "\\s");
     lines += "\n";
@@ -134,8 +168,10 @@ DaemonTest::DaemonTest() {
     device = Device();
     device.root = (fs::temp_directory_path() / "daemon-test.XXXXXX").string();
     if (!mkdtemp(device.root.data())) abort();
-    device.put("{firmware_agent}").put("{ready}").put("{opt_lib}/").put("/opt/media/Documents/");
+    device.put("{firmware_agent}").put("{ready}").make_directory("{opt_lib}");
+    device.make_directory("/opt/media/Documents");
     lines.clear();
+    origins.clear();
     next_thread_id = 5000000000;
     files_before = open_files();
 }
@@ -150,8 +186,6 @@ DaemonTest::~DaemonTest() {
 
 using namespace daemon_tests;
 
-void sig_quit(int signal_number);
-
 // The linker sends the daemon's references to f to __wrap_f, and those to
 // __real_f to the library's own f.
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp,cert-dcl50-cpp)
@@ -163,11 +197,11 @@ int __dlog_print(int log_id, int priority, const char* tag, const char* format, 
     EXPECT_STREQ(tag, "AD_DAEMON");
     va_list arguments;
     va_start(arguments, format);
-    const std::string text = formatted(format, arguments);
+    platform_text = formatted(format, arguments);
     va_end(arguments);
-    record((priority == 16 ? "E " : "N ") + message(text, "]] "));
-    platform_text = text;
-    output_pending = true;
+    va_start(arguments, format);
+    take_platform_line(priority == 16, format, arguments);
+    va_end(arguments);
     return -1;
 }
 
@@ -179,11 +213,13 @@ int __wrap_printf(const char* format, ...) {
     return result;
 }
 
-int __wrap___printf_chk(int, const char* format, ...) {
+int __wrap___printf_chk(int level, const char* format, ...) {
+    const bool ours = output_pending;
     va_list arguments;
     va_start(arguments, format);
     const int result = take_output(format, arguments);
     va_end(arguments);
+    EXPECT_EQ(level, ours ? 1 : level);
     return result;
 }
 
@@ -205,7 +241,7 @@ int __wrap_system(const char* command) {
         if (std::string(command).find(text) != std::string::npos) status |= next_answer(answers);
     }
     if (status == 0) run_tool(command);
-    device.on_command();
+    if (device.on_command) device.on_command();
     return status;
 }
 
@@ -216,7 +252,7 @@ int __wrap_access(const char* path, int mode) {
 
 int __wrap_usleep(useconds_t microseconds) {
     record("usleep " + std::to_string(microseconds));
-    device.on_sleep();
+    if (device.on_sleep) device.on_sleep();
     return 0;
 }
 
@@ -239,7 +275,7 @@ GMainLoop* __wrap_g_main_loop_new(GMainContext* context, gboolean is_running) {
 
 void __wrap_g_main_loop_run(GMainLoop*) {
     record("g_main_loop_run");
-    device.in_loop();
+    if (device.in_loop) device.in_loop();
 }
 
 void __wrap_g_main_loop_quit(GMainLoop*) { record("g_main_loop_quit"); }
@@ -255,17 +291,19 @@ void* __wrap__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t& tag) {
 // nothing: there, a function of the program takes the place of the library's.
 void* __real_dlsym(void* library, const char* symbol);
 
-FILE* fopen(const char* path, const char* mode) {
-    const auto open = reinterpret_cast<decltype(&fopen)>(__real_dlsym(RTLD_NEXT, "fopen"));
-    const std::string name = path;
-    const bool inside = name.rfind("/opt/", 0) == 0 || name.rfind("/usr/bin/zels/", 0) == 0;
-    if (!inside) return open(path, mode);
-    record("open " + name + " " + mode);
-    return device.unreadable.count(name) != 0 ? nullptr
-                                              : open(device.host_path(name).c_str(), mode);
+static FILE* open_in_device(const char* function, const std::string& path, const char* mode) {
+    using Open = FILE* (*)(const char*, const char*);
+    const auto open = reinterpret_cast<Open>(__real_dlsym(RTLD_NEXT, function));
+    const bool inside = path.rfind("/opt/", 0) == 0 || path.rfind("/usr/bin/zels/", 0) == 0;
+    if (!inside) return open(path.c_str(), mode);
+    record("open " + path + " " + mode);
+    return device.unreadable.count(path) != 0 ? nullptr
+                                              : open(device.host_path(path).c_str(), mode);
 }
 
-FILE* fopen64(const char* path, const char* mode) { return fopen(path, mode); }
+FILE* fopen(const char* path, const char* mode) { return open_in_device("fopen", path, mode); }
+
+FILE* fopen64(const char* path, const char* mode) { return open_in_device("fopen64", path, mode); }
 
 /** The program's own entry; the daemon's is __real_main. */
 int __wrap_main(int count, char** arguments) {

@@ -53,16 +53,18 @@ struct Device {
     std::string downloaded_manifest = "<Zel><Version>1.06</Version></Zel>";
     /** Files that exist and cannot be opened. */
     std::set<std::string> unreadable;
-    /** Libraries and symbols for which the loader has the error "broken". */
+    /** Libraries and symbols that come with the loader's error "broken", and those not found. */
     std::set<std::string> loader_errors;
+    std::set<std::string> not_found;
     int update_result = 0;
     std::string so_version = "1.05";
     bool loop_can_be_made = true;
     bool memory_is_full = false;
+    bool throws_on_watch = false;
     /** Called at the end of each command, in each sleep, and as the main loop. */
-    std::function<void()> on_command = [] {};
-    std::function<void()> on_sleep = [] {};
-    std::function<void()> in_loop = [] {};
+    std::function<void()> on_command;
+    std::function<void()> on_sleep;
+    std::function<void()> in_loop;
 
     // What the daemon has registered.
     std::map<std::string, std::pair<vconf_callback_fn, void*>> watches;
@@ -71,8 +73,9 @@ struct Device {
     std::map<int, void (*)(int)> signal_handlers;
 
     Device& let(const std::string& name, const std::string& meaning);
-    /** Makes a file, or with "/" at the end a directory, and the directories above it. */
+    /** Makes a file, and the directories above it. */
     Device& put(const std::string& path, const std::string& content = "");
+    Device& make_directory(const std::string& path);
     Device& remove(const std::string& path);
     /** Makes the next commands that contain a text end with status 2. */
     Device& fail(const std::string& text, int times = 1);
@@ -85,6 +88,9 @@ extern Device device;
 /** The newest log statement, as it reached the two sinks. */
 extern std::string platform_text;
 extern std::string output_text;
+
+/** The functions that messages came from, by source file. */
+extern std::map<std::string, std::set<std::string>> origins;
 
 void record(const std::string& line);
 

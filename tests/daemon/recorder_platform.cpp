@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <new>
 #include <string>
 
 using namespace daemon_tests;
@@ -27,22 +28,40 @@ std::string name(void* handle) {
     return "profile " + std::to_string(reinterpret_cast<uintptr_t>(handle) - FIRST_PROFILE);
 }
 
-/** What the loader was last asked for: the name under which an entry point records itself. */
-std::string symbol;
-
-int entry() { return call(symbol); }
-
-int entry_with_text(const char* text) {
-    call(symbol, text);
-    if (symbol != "ad_agent_update") return 0;
-    if (device.update_result != 0) device.put("{downloaded}");
-    return device.update_result;
+template <typename State>
+int get_state(const char* function, connection_h connection, State* state) {
+    // A failing call may have written something; the daemon must not trust it.
+    *state = static_cast<State>(device.connection_state);
+    return call(function, name(connection));
 }
 
-int entry_with_buffer(char* buffer) {
-    const bool zero = std::all_of(buffer, buffer + 20, [](char c) { return c == 0; });
-    memcpy(buffer, device.so_version.c_str(), device.so_version.size() + 1);
-    return call(symbol, zero ? "into zeros" : "into a used buffer");
+template <typename Function>
+void* address(Function function) {
+    return reinterpret_cast<void*>(+function);
+}
+
+/** The agent library: a function for each entry point that the daemon calls. */
+void* entry_point(const std::string& symbol) {
+    static const std::map<std::string, void*> functions = {
+        {"ad_agent_init", address([] { return call("ad_agent_init"); })},
+        {"ad_agent_clear", address([] { return call("ad_agent_clear"); })},
+        {"ad_agent_config_server",
+         address([](const char* path) { return call("ad_agent_config_server", path); })},
+        {"ad_agent_update", address([](const char* version) {
+             if (device.update_result != 0) device.put("{downloaded}");
+             call("ad_agent_update", version);
+             return device.update_result;
+         })},
+        {"ad_agent_set_soversion",
+         address([](const char* version) { return call("ad_agent_set_soversion", version); })},
+        {"ad_agent_get_soversion", address([](char* buffer) {
+             const bool zero = std::all_of(buffer, buffer + 20, [](char c) { return c == 0; });
+             memcpy(buffer, device.so_version.c_str(), device.so_version.size() + 1);
+             return call("ad_agent_get_soversion", zero ? "into zeros" : "into a used buffer");
+         })},
+    };
+    const auto function = functions.find(symbol);
+    return function == functions.end() ? &device : function->second;
 }
 
 }  // namespace
@@ -50,6 +69,7 @@ int entry_with_buffer(char* buffer) {
 extern "C" {
 
 int vconf_notify_key_changed(const char* key, vconf_callback_fn callback, void* user_data) {
+    if (device.throws_on_watch) throw std::bad_alloc();
     device.watches[key] = {callback, user_data};
     return call(__func__, key);
 }
@@ -86,12 +106,10 @@ int connection_get_type(connection_h connection, connection_type_e* type) {
     return result;
 }
 
-// A failing call may have written something; the daemon must not trust it.
-#define STATE_QUERY(kind)                                                           \
-    int connection_get_##kind##_state(connection_h connection,                      \
-                                      connection_##kind##_state_e* state) {         \
-        *state = static_cast<connection_##kind##_state_e>(device.connection_state); \
-        return call(__func__, name(connection));                                    \
+#define STATE_QUERY(kind)                                                      \
+    int connection_get_##kind##_state(connection_h connection,                 \
+                                      connection_##kind##_state_e* state) {    \
+        return get_state("connection_get_" #kind "_state", connection, state); \
     }
 STATE_QUERY(wifi)
 STATE_QUERY(cellular)
@@ -145,18 +163,13 @@ int connection_profile_unset_state_changed_cb(connection_profile_h profile) {
 void* __wrap_dlopen(const char* path, int flags) {
     record(std::string("dlopen ") + path + " " + std::to_string(flags));
     loader_failed = device.loader_errors.count(path) != 0;
-    return loader_failed ? nullptr : &device;
+    return device.not_found.count(path) != 0 ? nullptr : &device;
 }
 
-void* __wrap_dlsym(void* library, const char* asked) {
-    symbol = asked;
-    record("dlsym " + symbol + (library == &device ? "" : " in another library"));
+void* __wrap_dlsym(void* library, const char* symbol) {
+    record(std::string("dlsym ") + symbol + (library == &device ? "" : " in another library"));
     loader_failed = device.loader_errors.count(symbol) != 0;
-    if (symbol == "ad_agent_init" || symbol == "ad_agent_clear") {
-        return reinterpret_cast<void*>(entry);
-    }
-    return symbol == "ad_agent_get_soversion" ? reinterpret_cast<void*>(entry_with_buffer)
-                                              : reinterpret_cast<void*>(entry_with_text);
+    return entry_point(symbol);
 }
 
 char* __wrap_dlerror() {

@@ -1,63 +1,77 @@
 #include "recorder.h"
 
-#include <sstream>
+#include <cstdio>
 
 namespace daemon_tests {
 namespace {
 
-class Settings : public ControllerTest {};
+class Settings : public ControllerTest {
+protected:
+    /** Changes the setting for a callback. */
+    void change(void (*watch)(keynode_t*, void*)) { watch(&node_, &daemon_); }
 
-TEST_F(Settings, AChangeHasTheConfigurationFetchedAgain) {
-    struct Watch {
-        void (*callback)(keynode_t*, void*);
-        std::string entry;
-        std::string null;
-        std::string changed;
-        std::string without_library;
-    };
-    const std::string again = "N [CADAgentd] Vconf key some/key changed, reset config server";
-    const std::string missing = "| E [CADAgentd] pADLibHandler is NULL.";
-    keynode_t node = {"some/key", 41, 1};
-    const auto text = [](const void* pointer) {
-        std::ostringstream out;
-        out << pointer;
-        return out.str();
-    };
-    device.let("node", text(&node)).let("daemon", text(&daemon_));
-    for (const Watch& watch :
-         {Watch{CADAgentd::m_VConfLanguageChangeCB, "m_VConfLanguageChangeCB",
-                "m_VConfLanguageChangeCB has NULL parameter,pNode", again, missing},
-          Watch{CADAgentd::m_CountryCodeChangeCB, "m_CountryCodeChangeCB",
-                "m_CountryCodeChangeCB has NULL parameter,response", again, missing},
-          Watch{CADAgentd::m_VConfTermChangeCB, "CADAgentd::m_VConfTermChangeCB was called",
-                "m_VConfTermChangeCB has NULL parameter,response",
-                R"(N [CADAgentd] Vconf key some/key changed, retry to get the PSID and )"
-                R"(AD service config URL | N key = some/key, value = 1(int))",
-                ""}}) {
-        device.let("entry", "N [CADAgentd] " + watch.entry).let("changed", watch.changed);
-        device.let("null", "{entry} | E [CADAgentd] " + watch.null);
-        device.let("fetch", watch.without_library.empty()
-                                ? "| N [CADAgentd]  START TO GET AD Config Server URL"
-                                : "");
-        const auto change = [&] { return watch.callback(&node, &daemon_), true; };
-        EXPECT_RUN(change(), true, "{entry} | {changed} {fetch} | config_requested");
+    /** Calls back without the setting and without the controller, and names the pointers. */
+    void change_nothing(void (*watch)(keynode_t*, void*)) {
+        char text[64];
+        snprintf(text, sizeof(text), " = (nil),pUserData = %p!", static_cast<void*>(&daemon_));
+        device.let("no_node", text);
+        snprintf(text, sizeof(text), " = %p,pUserData = (nil)!", static_cast<void*>(&node_));
+        device.let("no_daemon", text);
+        watch(nullptr, &daemon_);
+        watch(&node_, nullptr);
+    }
+
+    keynode_t node_ = {"some/key", 41, 1};
+};
+
+TEST_F(Settings, LanguageAndCountryHaveTheConfigurationFetchedAgain) {
+    node_.type = 40;
+    for (const auto& [watch, name, pointer] :
+         {std::tuple(&CADAgentd::m_VConfLanguageChangeCB, "m_VConfLanguageChangeCB", "pNode"),
+          std::tuple(&CADAgentd::m_CountryCodeChangeCB, "m_CountryCodeChangeCB", "response")}) {
+        device.let("me", name).let("pointer", pointer);
+        device.let("changed", R"(N [CADAgentd] {me}
+            N [CADAgentd] Vconf key some/key changed, reset config server)");
+        device.let("null", "N [CADAgentd] {me} | E [CADAgentd] {me} has NULL parameter,{pointer}");
+        change(watch);
+        EXPECT_STEPS("{changed} | config_requested");
         device.loader_errors = {"ad_agent_config_server"};
-        EXPECT_RUN(change(), true, "{entry} | {changed} {fetch} | config_unresolved");
+        change(watch);
+        EXPECT_STEPS("{changed} | config_unresolved");
         device.loader_errors.clear();
-        EXPECT_RUN(without_library(change), true, "{entry} | {changed}" + watch.without_library);
-        watch.callback(nullptr, &daemon_);
-        watch.callback(&node, nullptr);
-        EXPECT_STEPS(R"({null} = (nil),pUserData = {daemon}!
-            {null} = {node},pUserData = (nil)!)");
+        without_library([&, callback = watch] { return change(callback), 0; });
+        EXPECT_STEPS("{changed} | E [CADAgentd] pADLibHandler is NULL.");
+        change_nothing(watch);
+        EXPECT_STEPS("{null}{no_node} | {null}{no_daemon}");
     }
+}
+
+TEST_F(Settings, ConsentHasTheConfigurationFetchedOnceItIsGiven) {
+    const auto watch = CADAgentd::m_VConfTermChangeCB;
+    device.let("entry", "N [CADAgentd] CADAgentd::m_VConfTermChangeCB was called");
+    device.let("null", "{entry} | E [CADAgentd] m_VConfTermChangeCB has NULL parameter,response");
+    device.let("changed",
+               "{entry} | N [CADAgentd] Vconf key some/key changed, "
+               "retry to get the PSID and AD service config URL");
+    device.let("given", "{changed} | N key = some/key, value = 1(int)");
+    device.let("fetch", "N [CADAgentd]  START TO GET AD Config Server URL");
+    change(watch);
+    EXPECT_STEPS("{given} | {fetch} | config_requested");
+    device.loader_errors = {"ad_agent_config_server"};
+    change(watch);
+    EXPECT_STEPS("{given} | {fetch} | config_unresolved");
+    without_library([&] { return change(watch), 0; });
+    EXPECT_STEPS("{given}");
     for (const int value : {0, 2, -1}) {
-        node.value = value;
-        CADAgentd::m_VConfTermChangeCB(&node, &daemon_);
-        EXPECT_STEPS("... | N key = some/key, value = " + std::to_string(value) + "(int)");
+        node_.value = value;
+        change(watch);
+        EXPECT_STEPS("{changed} | N key = some/key, value = " + std::to_string(value) + "(int)");
     }
-    node = {"some/key", 40, 1};
-    CADAgentd::m_VConfTermChangeCB(&node, &daemon_);
-    EXPECT_STEPS(R"(... | E Unknown Type(40)\n)");
+    node_ = {"some/key", 40, 1};
+    change(watch);
+    EXPECT_STEPS(R"({changed} | E Unknown Type(40)\n)");
+    change_nothing(watch);
+    EXPECT_STEPS("{null}{no_node} | {null}{no_daemon}");
 }
 
 TEST_F(Settings, TheRequestWaitsForTheStoreAndBetweenItsParts) {

@@ -29,7 +29,7 @@ protected:
     std::optional<CADAgentd> daemon_;
 };
 
-TEST_F(StartUp, AChangedFirmwareDiscardsTheUpdatableCopy) {
+TEST_F(StartUp, WatchesWithTheControllerItself) {
     void* const daemon = &construct();
     EXPECT_STEPS("{begin} | N Firmware version is same | {firmware_loaded}");
     EXPECT_EQ(device.watches[expand("{consent}")],
@@ -37,13 +37,18 @@ TEST_F(StartUp, AChangedFirmwareDiscardsTheUpdatableCopy) {
     EXPECT_EQ(device.watches[expand("{language}")],
               std::pair(&CADAgentd::m_VConfLanguageChangeCB, daemon));
     EXPECT_EQ(device.type_watch, std::pair(&CADAgentd::m_NetWorkTypeChangeCB, daemon));
+}
+
+TEST_F(StartUp, AChangedFirmwareDiscardsTheUpdatableCopy) {
     device.put("{version_file}", "T-1100.0");
     construct();
     EXPECT_STEPS(R"({begin} | N File Firmware Version= T-1100.0
         exists {opt_lib} | removed remove_usr_lib_file | {written} | {firmware_loaded})");
     device.remove("{version_file}").remove("{opt_lib}");
     construct();
-    EXPECT_STEPS("{begin} | N No File | missing {opt_lib} | {written} | {firmware_loaded}");
+    EXPECT_STEPS(
+        "{begin} | open {version_file} r | N No File | missing {opt_lib} | {written} | "
+        "{firmware_loaded}");
 }
 
 TEST_F(StartUp, TheUpdatableCopyIsLoadedWhenItCanBe) {
@@ -58,7 +63,7 @@ TEST_F(StartUp, TheUpdatableCopyIsLoadedWhenItCanBe) {
     device.loader_errors = {expand("{opt_agent}")};
     construct();
     EXPECT_STEPS("{failed} | opened {firmware_agent} | {discarded} | {initialised}");
-    device.loader_errors = {expand("{opt_agent}"), expand("{firmware_agent}")};
+    device.not_found = device.loader_errors = {expand("{opt_agent}"), expand("{firmware_agent}")};
     construct();
     EXPECT_STEPS(R"({failed} | not_opened {firmware_agent} | {discarded}
         unopened GetAdAgentInit | connection_create called | ...)");
@@ -83,15 +88,17 @@ class Gate : public ControllerTest {};
 
 TEST_F(Gate, NeedsTheNetworkAndConsent) {
     device.let("entry", "N [CADAgentd] Start");
-    device.let("asked",
-               "connection_get_type connection | N connection type: 1 | "
-               "connection_get_wifi_state connection | N ----bRet is");
-    device.let("down", R"({asked}:0----\n)");
-    device.let("up", R"({asked}:1----\n | N Network is Working | vconf_get_int {consent})");
-    device.answers["connection_get_wifi_state"] = {-1, -1, -1, -1, -1};
-    device.answers["vconf_get_int"] = {-1};
+    device.let("asked", R"(connection_get_type connection | N connection type: 1
+        connection_get_wifi_state connection)");
+    device.let("down", R"({asked} | N ----bRet is:0----\n)");
+    device.let("up", R"({asked} | N ----bRet is:1----\n
+        N Network is Working | vconf_get_int {consent})");
+    device.connection_state = 1;
     EXPECT_RUN(daemon_.Start(), false, R"({entry} | {down} | {down} | {down}
         E Network is unstable or disconnected, Please check network)");
+    device.connection_state = 2;
+    device.answers["connection_get_wifi_state"] = {-1, -1};
+    device.answers["vconf_get_int"] = {-1};
     EXPECT_RUN(daemon_.Start(), false,
                "{entry} | {down} | {down} | {up} | E [CADAgentd] T&C did not agree !!!");
     for (const int consent : {0, 2, -1, 257}) {
