@@ -57,7 +57,8 @@ void Platform::report(const std::string& line) {
 }
 
 Platform& process_platform() {
-    static Platform platform(state_path, process_log());
+    // Never destroyed: a program may release its clients as late as at exit.
+    static Platform& platform = *new Platform(state_path, process_log());
     return platform;
 }
 

@@ -1,13 +1,11 @@
 /**
- * Files as an editor leaves them, and waiting for the main loop to notice.
+ * Files as an editor leaves them, and the main loop that notices.
  */
 #pragma once
 
-#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -52,23 +50,7 @@ inline std::vector<std::string> lines_of(const std::string& path) {
     return lines;
 }
 
-/** Runs the main loop until the condition holds; false when it never does. */
-template <typename Condition>
-bool wait_until(Condition condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    // Wakes up a loop in which nothing else happens, so that the deadline holds.
-    const guint alarm = g_timeout_add(
-        100, [](gpointer) -> gboolean { return TRUE; }, nullptr);
-    bool holds = condition();
-    while (!holds && std::chrono::steady_clock::now() < deadline) {
-        g_main_context_iteration(nullptr, TRUE);
-        holds = condition();
-    }
-    g_source_remove(alarm);
-    return holds;
-}
-
-/** Runs what the main loop has to do already. */
+/** Runs what the main loop has to do: an edit is an event by the time its writer goes on. */
 inline void run_pending() {
     while (g_main_context_iteration(nullptr, FALSE)) {
     }
