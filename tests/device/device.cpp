@@ -115,6 +115,20 @@ Background::~Background() {
     waitpid(pid_, nullptr, 0);
 }
 
+ContentServer::ContentServer(const std::string& device_home)
+    : run_(device_home + "/run"),
+      server_({"python3", "-u", CONTENT_SERVER, device_home + "/www", "--log", run_ + "/asked",
+               "--faults", run_ + "/faults"},
+              run_ + "/port") {
+    EXPECT_TRUE(poll([&] { return std::atoi(read_file(run_ + "/port").c_str()) > 0; }));
+}
+
+void ContentServer::set_fault(const std::string& line) const { write_file(run_ + "/faults", line); }
+
+std::string ContentServer::url() const {
+    return "http://127.0.0.1:" + std::to_string(std::atoi(read_file(run_ + "/port").c_str()));
+}
+
 Device::Device() {
     const auto* test = testing::UnitTest::GetInstance()->current_test_info();
     std::string name = std::string(test->test_suite_name()) + "." + test->name();

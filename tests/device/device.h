@@ -32,6 +32,19 @@ private:
     int pid_;
 };
 
+/** The content server that can misbehave, in the background. */
+class ContentServer {
+public:
+    /** Serves a device's content; its faults are those of a file, none to begin with. */
+    explicit ContentServer(const std::string& device_home);
+    void set_fault(const std::string& line) const;
+    std::string url() const;
+
+private:
+    std::string run_;
+    Background server_;
+};
+
 class Device {
 public:
     /** Makes a fresh device, named after the running test, with its waits cut short. */

@@ -142,24 +142,17 @@ TEST_P(FailingServer, LeavesTheDaemonRunningAndTheNextBootCompletes) {
     device.publish("1.05");
     write_file(device.opt("/etc/ad-agent.conf"),
                "[server]\nurl=\n[timeouts]\nconnect=1\nstall=1\ndocument=2\nimage=3\n");
-    const std::string faults = device.home("/run/faults");
-    write_file(faults, GetParam());
-    const std::string port_file = device.home("/run/port");
-    const Background server({"python3", "-u", CONTENT_SERVER, device.home("/www"), "--log",
-                             device.home("/run/asked"), "--faults", faults},
-                            port_file);
-    ASSERT_TRUE(poll([&] { return std::atoi(read_file(port_file).c_str()) > 0; }));
-    const std::string url =
-        "http://127.0.0.1:" + std::to_string(std::atoi(read_file(port_file).c_str()));
+    const ContentServer server(device.home(""));
+    server.set_fault(GetParam());
 
     device.open_gate();
-    device.start({"--url", url});
+    device.start({"--url", server.url()});
     ASSERT_TRUE(device.await("[CADAgentd] Start end"));
     EXPECT_FALSE(device.logged("replace img file"));
     EXPECT_EQ(device.stop(), 0);
 
-    write_file(faults, "");
-    device.start({"--url", url});
+    server.set_fault("");
+    device.start({"--url", server.url()});
     ASSERT_TRUE(device.await("[CADAgentd] Start end"));
     EXPECT_EQ(device.recorded_version(), "1.05");
     EXPECT_EQ(device.stop(), 0);

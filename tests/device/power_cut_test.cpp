@@ -125,29 +125,22 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(PowerCut, AtEachTenthOfTheDownload) {
     constexpr int TENTHS = 10;
     const auto size = fs::file_size(device.home("/www/images/by-hand-1.06.img"));
-    const std::string faults = device.home("/run/faults");
-    const std::string port_file = device.home("/run/port");
-    const Background server({"python3", "-u", CONTENT_SERVER, device.home("/www"), "--log",
-                             device.home("/run/asked"), "--faults", faults},
-                            port_file);
-    ASSERT_TRUE(poll([&] { return std::atoi(read_file(port_file).c_str()) > 0; }));
-    const std::string url =
-        "http://127.0.0.1:" + std::to_string(std::atoi(read_file(port_file).c_str()));
+    const ContentServer server(device.home(""));
 
     for (int tenth = 0; tenth < TENTHS; ++tenth) {
         put_back();
-        write_file(faults, "/images/* stall " + std::to_string(size * tenth / TENTHS) + "\n");
+        server.set_fault("/images/* stall " + std::to_string(size * tenth / TENTHS) + "\n");
         const std::string part = device.opt("/usr/apps/adagent/zelADAgent.img.part");
         device.open_gate();
-        device.start({"--url", url});
+        device.start({"--url", server.url()});
         ASSERT_TRUE(poll([&] {
             std::error_code error;
             const auto arrived = fs::file_size(part, error);
             return !error && arrived >= size * tenth / TENTHS;
         })) << tenth;
         device.command({"kill"});
-        write_file(faults, "");
-        device.start({"--url", url});
+        server.set_fault("");
+        device.start({"--url", server.url()});
         ASSERT_TRUE(device.await("[CADAgentd] Start end"));
         device.stop();
         EXPECT_EQ(versions(), std::string(NEW) + " " + NEW + " " + NEW + " " + NEW) << tenth;
