@@ -1,0 +1,109 @@
+#!/bin/bash
+# A device on the services of a Linux box, real ones in namespaces of their own
+# (linux-services): dconf, NetworkManager with a cable, journald, and os-release.
+# Sourced by ad-device and ad-device-supply, which set $device, $build and $here.
+# shellcheck disable=SC2154
+
+# What outlasts a boot: dconf's database, the connections, os-release, and
+# whether the cable is plugged in.
+platform_kept() { echo "$device/linux"; }
+
+platform_library() { echo "$build/lib/linux/libad-platform.so.1"; }
+platform_namespaces() { echo --net --uts; }
+platform_environment() { "$here/linux-services" environment; }
+# The cable's other end, so that the server is gone when the cable is.
+platform_host() { echo 10.9.0.1; }
+
+platform_requires() {
+    local program
+    for program in dbus-daemon dbus-run-session dconf ip NetworkManager nmcli; do
+        command -v "$program" >/dev/null ||
+            fail "the Linux platform needs $program; tools/install-packages cmake/packages-linux.txt installs it"
+    done
+}
+
+platform_install() {
+    local kept
+    kept=$(platform_kept)
+    mkdir -p "$kept/config" "$kept/system-connections"
+    echo down >"$kept/cable"
+    (
+        # NetworkManager takes no connection that others may read.
+        umask 077
+        cat >"$kept/system-connections/wired.nmconnection" <<'TEXT'
+[connection]
+id=wired
+uuid=5f0a9a3e-7a3b-4c55-9c55-0a5d1f6f2c01
+type=ethernet
+interface-name=eth0
+
+[ipv4]
+method=manual
+address1=10.9.0.2/24,10.9.0.1
+
+[ipv6]
+method=disabled
+TEXT
+    )
+    set_firmware T-1200.1
+    set_consent 0
+    set_language en_GB
+}
+
+# In the namespaces that the services and the daemon share.
+platform_power() {
+    local kept
+    kept=$(platform_kept)
+    "$here/linux-services" setup
+    eval "$(platform_environment)"
+    mount --bind "$kept/config" "$XDG_CONFIG_HOME"
+    mkdir -p /etc/NetworkManager/system-connections
+    mount --bind "$kept/system-connections" /etc/NetworkManager/system-connections
+    [ "$(cat "$kept/cable")" = up ] || ip link set far0 down
+    "$here/linux-services" start
+}
+
+# In those of the daemon alone. /run is the services' already.
+platform_mounts() {
+    mount --bind "$(platform_kept)/os-release" /etc/os-release
+}
+
+# Runs a command where the services are.
+with_services() {
+    local pid
+    pid=$(supply) || fail "the device is off"
+    eval "$(platform_environment)"
+    nsenter --target "$pid" --mount --net --uts --pid --wd=/ "$@"
+}
+
+# Through the device's own bus while it is on, else through one for the moment.
+write_setting() {
+    if holder >/dev/null; then
+        with_services dconf write "$@"
+        return
+    fi
+    local scratch said status=0
+    scratch=$(mktemp -d "$device/run/settings.XXXXXX")
+    said=$(env -u DBUS_SESSION_BUS_ADDRESS XDG_CONFIG_HOME="$(platform_kept)/config" \
+        XDG_CACHE_HOME="$scratch" XDG_RUNTIME_DIR="$scratch" \
+        dbus-run-session -- dconf write "$@" 2>&1) || status=$?
+    rm -rf "$scratch"
+    [ $status = 0 ] || fail "dconf write $1: ${said##*$'\n'}"
+}
+
+set_network() {
+    case $1 in
+        up | down) ;;
+        *) fail "set network: up or down, not '$1': this platform's device has a cable only" ;;
+    esac
+    echo "$1" >"$(platform_kept)/cable"
+    ! holder >/dev/null || with_services ip link set far0 "$1"
+}
+
+set_consent() { write_setting /db/menu/kelo_home/homedatacontrol/defaultdisclaimeragree "$1"; }
+set_language() { write_setting /db/menu_widget/language "'$1'"; }
+# In place, since a running device has the file bound.
+set_firmware() { printf 'NAME="A television"\nIMAGE_VERSION=%s\n' "$1" >"$(platform_kept)/os-release"; }
+set_result() { fail "set result: only the simulated platform can be made to fail"; }
+
+firmware_version() { sed -n 's/^IMAGE_VERSION=//p' "$(platform_kept)/os-release"; }
