@@ -129,7 +129,7 @@ std::string ContentServer::url() const {
     return "http://127.0.0.1:" + std::to_string(std::atoi(read_file(run_ + "/port").c_str()));
 }
 
-Device::Device() {
+Device::Device(const std::string& platform) {
     const auto* test = testing::UnitTest::GetInstance()->current_test_info();
     std::string name = std::string(test->test_suite_name()) + "." + test->name();
     for (char& letter : name) {
@@ -139,7 +139,7 @@ Device::Device() {
     }
     home_ = std::string(BUILD_FOLDER) + "/test-devices/" + name;
     command({"destroy"});
-    command({"create"});
+    command({"--platform", platform, "create"});
 }
 
 Device::~Device() {
@@ -209,13 +209,6 @@ void Device::run_update() const {
     start();
     ASSERT_TRUE(await("[CADAgentd] Start end"));
     EXPECT_EQ(stop(), 0);
-}
-
-int Device::daemon_pid() const {
-    const std::string holder = read_file(home_ + "/run/holder.pid");
-    const std::string init = run({"pgrep", "-P", std::to_string(std::atoi(holder.c_str()))}).output;
-    return std::atoi(
-        run({"pgrep", "-n", "-P", std::to_string(std::atoi(init.c_str()))}).output.c_str());
 }
 
 void Device::break_mounter(const std::string& option) const {

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 namespace device_tests {
 
 struct CommandResult {
@@ -48,7 +50,7 @@ private:
 class Device {
 public:
     /** Makes a fresh device, named after the running test, with its waits cut short. */
-    Device();
+    explicit Device(const std::string& platform = "simulated");
     ~Device();
     Device(const Device&) = delete;
     Device& operator=(const Device&) = delete;
@@ -71,7 +73,7 @@ public:
     void run_update() const;
 
     /** The daemon as this machine numbers it. */
-    int daemon_pid() const;
+    int daemon_pid() const { return std::atoi(command({"pid"}).c_str()); }
 
     /** Puts a script in front of ad-mounter that fails the given option and passes on the rest. */
     void break_mounter(const std::string& option) const;
@@ -106,6 +108,16 @@ public:
 private:
     std::string home_;
 };
+
+/** A scenario that goes the same way on every platform. */
+class EachPlatform : public testing::TestWithParam<const char*> {
+protected:
+    const Device device{GetParam()};
+};
+
+#define ON_EACH_PLATFORM(Suite)                                                \
+    INSTANTIATE_TEST_SUITE_P(On, Suite, testing::Values("simulated", "linux"), \
+                             [](const auto& platform) { return std::string(platform.param); })
 
 /** Waits until a condition holds, with more patience than any test needs. */
 bool poll(const std::function<bool()>& condition);

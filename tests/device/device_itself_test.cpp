@@ -14,8 +14,10 @@ bool alive(int pid) {
     return !stat.empty() && stat.find(") Z ") == std::string::npos;
 }
 
-TEST(DeviceItself, EndsWithWhoeverRunsItInTheForeground) {
-    const Device device;
+class ForegroundDevice : public EachPlatform {};
+ON_EACH_PLATFORM(ForegroundDevice);
+
+TEST_P(ForegroundDevice, EndsWithWhoeverRunsIt) {
     device.publish("1.05");
     device.run_update();
     write_file(device.home("/run/daemon.log"), "");

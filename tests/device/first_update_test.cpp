@@ -7,8 +7,10 @@
 namespace device_tests {
 namespace {
 
-TEST(FirstUpdate, InstallsTheImageAndComesUpOnIt) {
-    const Device device;
+class FirstUpdate : public EachPlatform {};
+ON_EACH_PLATFORM(FirstUpdate);
+
+TEST_P(FirstUpdate, InstallsTheImageAndComesUpOnIt) {
     write_file(device.usr_bin("/zels/zelADAgent/adplayer/res/stale.txt"), "from the firmware\n");
     device.publish("1.05");
     device.open_gate();
@@ -36,7 +38,7 @@ TEST(FirstUpdate, InstallsTheImageAndComesUpOnIt) {
     EXPECT_EQ(device.stop(), 0);
 }
 
-TEST(FirstUpdate, TakesANewerImageAndOnlyThat) {
+TEST(NextUpdate, TakesANewerImageAndOnlyThat) {
     const Device device;
     device.publish("1.05");
     device.run_update();
@@ -50,7 +52,7 @@ TEST(FirstUpdate, TakesANewerImageAndOnlyThat) {
 }
 
 #ifndef __SANITIZE_ADDRESS__
-TEST(FirstUpdate, LeaksNothingUnderValgrind) {
+TEST(NextUpdate, LeaksNothingUnderValgrind) {
     const Device device;
     device.publish("1.05");
     device.open_gate();
@@ -63,22 +65,22 @@ TEST(FirstUpdate, LeaksNothingUnderValgrind) {
 }
 #endif
 
-class Signals : public testing::TestWithParam<int> {};
+class Signals : public EachPlatform {};
+ON_EACH_PLATFORM(Signals);
 
 TEST_P(Signals, EndTheDaemonCleanly) {
-    const Device device;
-    device.start();
-    // The loop runs once the gate has been found closed.
-    ASSERT_TRUE(device.await("Please check network"));
-    kill(device.daemon_pid(), GetParam());
-    ASSERT_TRUE(device.await("reset signal handler to default"));
-    EXPECT_TRUE(device.logged("adagentd is stopped by signal, which is [" +
-                              std::to_string(GetParam()) + "]"));
-    EXPECT_EQ(device.count("[CADLibs] begine to dlclose."), 1);
-    EXPECT_EQ(device.stop(), 0);
+    for (const int signal : {SIGTERM, SIGHUP, SIGINT}) {
+        device.start();
+        // The loop runs once the gate has been found closed.
+        ASSERT_TRUE(device.await("Please check network"));
+        kill(device.daemon_pid(), signal);
+        ASSERT_TRUE(device.await("reset signal handler to default"));
+        EXPECT_TRUE(device.logged("adagentd is stopped by signal, which is [" +
+                                  std::to_string(signal) + "]"));
+        EXPECT_EQ(device.count("[CADLibs] begine to dlclose."), 1);
+        EXPECT_EQ(device.stop(), 0);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Each, Signals, testing::Values(SIGTERM, SIGHUP, SIGINT));
 
 }  // namespace
 }  // namespace device_tests

@@ -6,8 +6,10 @@
 namespace device_tests {
 namespace {
 
-TEST(LateEvents, NetworkThenConsentThenNetworkAgainOpenTheGate) {
-    const Device device;
+class LateEvents : public EachPlatform {};
+ON_EACH_PLATFORM(LateEvents);
+
+TEST_P(LateEvents, NetworkThenConsentThenNetworkAgainOpenTheGate) {
     device.publish("1.05");
     device.start();
     ASSERT_TRUE(device.await("Please check network"));
@@ -29,27 +31,25 @@ TEST(LateEvents, NetworkThenConsentThenNetworkAgainOpenTheGate) {
     EXPECT_EQ(device.recorded_version(), "1.05");
 
     device.set("network", "down");
-    ASSERT_TRUE(device.await("Current Network State is 0"));
+    ASSERT_TRUE(poll([&] { return device.count("Current Network State is 0") == 2; }));
     device.set("network", "up");
     ASSERT_TRUE(device.await("Already done. Do not launch \"Start\" function"));
     EXPECT_EQ(device.stop(), 0);
 }
 
-TEST(LateEvents, ALanguageChangeFetchesTheConfigurationWhateverTheConsent) {
-    const Device device;
+TEST_P(LateEvents, ALanguageChangeFetchesTheConfigurationWhateverTheConsent) {
+    device.set("network", "up");
     device.start();
-    ASSERT_TRUE(device.await("Please check network"));
+    ASSERT_TRUE(device.await("[CADAgentd] T&C is = [0]."));
     device.set("language", "de_DE");
     ASSERT_TRUE(device.await_requests("/AppsAd/v2", 1));
     EXPECT_EQ(device.requests("/TileAd/v2"), 1);
-    device.set("consent", "0");
     device.set("language", "fr_FR");
     ASSERT_TRUE(device.await_requests("/AppsAd/v2", 2));
     EXPECT_EQ(device.stop(), 0);
 }
 
-TEST(LateEvents, TheMarkerOfTheSettingsStoreHoldsTheConfigurationRequest) {
-    const Device device;
+TEST_P(LateEvents, TheMarkerOfTheSettingsStoreHoldsTheConfigurationRequest) {
     device.open_gate();
     device.start({"--unready"});
     ASSERT_TRUE(device.await("[CADAgentd] Vconf is not ready, sleep!"));
@@ -60,7 +60,7 @@ TEST(LateEvents, TheMarkerOfTheSettingsStoreHoldsTheConfigurationRequest) {
     EXPECT_EQ(device.stop(), 0);
 }
 
-TEST(LateEvents, AnUnreadableConsentKeepsTheGateClosed) {
+TEST(Gate, AnUnreadableConsentKeepsTheGateClosed) {
     const Device device;
     device.open_gate();
     device.command({"set", "result", "vconf_get_int", "-1"});

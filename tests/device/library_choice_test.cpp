@@ -8,6 +8,8 @@ namespace {
 
 class LibraryChoice : public testing::Test {
 protected:
+    explicit LibraryChoice(const std::string& platform = "simulated") : device(platform) {}
+
     /** A device that has version 1.05 installed and boots with the gate closed from now on. */
     void SetUp() override {
         device.publish("1.05");
@@ -40,7 +42,13 @@ TEST_F(LibraryChoice, AnUpdatableCopyThatDoesNotLoadIsDiscarded) {
     EXPECT_TRUE(device.logged("version 1.05 failed to load: its image will not be taken again"));
 }
 
-TEST_F(LibraryChoice, AFirmwareChangeDiscardsTheUpdatableCopyOnce) {
+class FirmwareChange : public LibraryChoice, public testing::WithParamInterface<const char*> {
+protected:
+    FirmwareChange() : LibraryChoice(GetParam()) {}
+};
+ON_EACH_PLATFORM(FirmwareChange);
+
+TEST_P(FirmwareChange, DiscardsTheUpdatableCopyOnce) {
     device.set("firmware", "T-1300.1");
     boot_and_stop();
     EXPECT_FALSE(on_updatable());
