@@ -141,6 +141,7 @@ void NetworkMonitor::refresh() {
         return;
     }
     retry_ms_ = FIRST_RETRY_MS;
+    last_failure_.clear();
     next.available = true;
     next.profiles = profiles_;
     publish(std::move(next));
@@ -168,8 +169,12 @@ void NetworkMonitor::refresh_failed(const GError* error) {
         g_dbus_connection_is_closed(bus_.connection())) {
         return;
     }
-    log_error("ad-network: %s does not tell its state: %s; trying on", NetworkManager::SERVICE,
-              error->message);
+    // Once for each reason, not at every try: some services take half a minute to start.
+    if (last_failure_ != error->message) {
+        last_failure_ = error->message;
+        log_error("ad-network: %s does not tell its state: %s; trying on", NetworkManager::SERVICE,
+                  error->message);
+    }
     retry_later();
 }
 

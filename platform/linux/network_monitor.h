@@ -89,6 +89,7 @@ private:
     bool refresh_due_ = false;
     bool retry_due_ = false;
     unsigned retry_ms_ = 0;
+    std::string last_failure_;
     std::vector<Profile> profiles_;
     bool profiles_outdated_ = true;
     uint64_t changes_ = 0;
