@@ -11,9 +11,6 @@
 
 #include <glib.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace device_tests {
 
@@ -22,15 +19,6 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr auto PATIENCE = std::chrono::seconds(20);
-
-std::vector<char*> argument_vector(const std::vector<std::string>& arguments) {
-    std::vector<char*> vector;
-    for (const std::string& argument : arguments) {
-        vector.push_back(const_cast<char*>(argument.c_str()));
-    }
-    vector.push_back(nullptr);
-    return vector;
-}
 
 int occurrences(const std::string& text, const std::string& wanted) {
     int found = 0;
@@ -68,66 +56,13 @@ void write_file(const std::string& path, const std::string& text) {
 
 bool exists(const std::string& path) { return fs::exists(path); }
 
-CommandResult run(const std::vector<std::string>& arguments) {
-    CommandResult result;
-    int pipe_ends[2];
-    if (pipe(pipe_ends) != 0) {
-        return result;
-    }
-    const pid_t pid = fork();
-    if (pid == 0) {
-        dup2(pipe_ends[1], STDOUT_FILENO);
-        dup2(pipe_ends[1], STDERR_FILENO);
-        close(pipe_ends[0]);
-        close(pipe_ends[1]);
-        auto vector = argument_vector(arguments);
-        execvp(vector[0], vector.data());
-        _exit(127);
-    }
-    close(pipe_ends[1]);
-    char buffer[4096];
-    ssize_t count = 0;
-    while ((count = read(pipe_ends[0], buffer, sizeof(buffer))) > 0) {
-        result.output.append(buffer, count);
-    }
-    close(pipe_ends[0]);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    return result;
-}
-
-Background::Background(const std::vector<std::string>& arguments, const std::string& output_file)
-    : pid_(fork()) {
-    if (pid_ == 0) {
-        if (!freopen(output_file.c_str(), "w", stdout)) {
-            _exit(126);
-        }
-        dup2(STDOUT_FILENO, STDERR_FILENO);
-        auto vector = argument_vector(arguments);
-        execvp(vector[0], vector.data());
-        _exit(127);
-    }
-}
-
-Background::~Background() {
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-}
-
 ContentServer::ContentServer(const std::string& device_home)
     : run_(device_home + "/run"),
       server_({"python3", "-u", CONTENT_SERVER, device_home + "/www", "--log", run_ + "/asked",
-               "--faults", run_ + "/faults"},
-              run_ + "/port") {
-    EXPECT_TRUE(poll([&] { return std::atoi(read_file(run_ + "/port").c_str()) > 0; }));
-}
+               "--faults", run_ + "/faults"}),
+      port_(server_.await("", PATIENCE).value_or("none")) {}
 
 void ContentServer::set_fault(const std::string& line) const { write_file(run_ + "/faults", line); }
-
-std::string ContentServer::url() const {
-    return "http://127.0.0.1:" + std::to_string(std::atoi(read_file(run_ + "/port").c_str()));
-}
 
 Device::Device(const std::string& platform) {
     const auto* test = testing::UnitTest::GetInstance()->current_test_info();
@@ -152,7 +87,7 @@ Device::~Device() {
 std::string Device::command(const std::vector<std::string>& arguments) const {
     std::vector<std::string> line{AD_DEVICE, "--build", BUILD_FOLDER, "--dir", home_};
     line.insert(line.end(), arguments.begin(), arguments.end());
-    const CommandResult result = run(line);
+    const Outcome result = run(line);
     EXPECT_EQ(result.status, 0) << arguments[0] << ": " << result.output;
     return result.output;
 }
@@ -181,8 +116,8 @@ void Device::publish(const std::string& version) const { command({"publish", ver
 
 void Device::publish_tree(const std::string& version, const std::string& folder) const {
     const std::string image = home_ + "/run/tree-" + version + ".img";
-    const CommandResult packed = run({"mksquashfs", folder, image, "-noappend", "-quiet",
-                                      "-no-progress", "-all-root", "-comp", "zstd"});
+    const Outcome packed = run({"mksquashfs", folder, image, "-noappend", "-quiet", "-no-progress",
+                                "-all-root", "-comp", "zstd"});
     ASSERT_EQ(packed.status, 0) << packed.output;
     publish_file(version, image);
 }
@@ -191,8 +126,8 @@ void Device::publish_file(const std::string& version, const std::string& plain) 
     const std::string name = "by-hand-" + version + ".img";
     const std::string image = home_ + "/www/images/" + name;
     const std::string signature = home_ + "/run/signature";
-    const CommandResult made = run({"minisign", "-S", "-s", home_ + "/maker.key", "-t",
-                                    "version:" + version, "-m", plain, "-x", signature});
+    const Outcome made = run({"minisign", "-S", "-s", home_ + "/maker.key", "-t",
+                              "version:" + version, "-m", plain, "-x", signature});
     ASSERT_EQ(made.status, 0) << made.output;
     const std::string text = read_file(signature);
     const char ending[] = {

@@ -5,6 +5,8 @@
 #ifndef TESTS_DEVICE_DEVICE_H
 #define TESTS_DEVICE_DEVICE_H
 
+#include "../support/line_process.h"
+
 #include <functional>
 #include <string>
 #include <vector>
@@ -13,26 +15,9 @@
 
 namespace device_tests {
 
-struct CommandResult {
-    int status = -1;
-    /** Standard output and standard error together. */
-    std::string output;
-};
-
-/** Runs a program to its end, without a shell. */
-CommandResult run(const std::vector<std::string>& arguments);
-
-/** A program in the background that is killed with its object. */
-class Background {
-public:
-    explicit Background(const std::vector<std::string>& arguments, const std::string& output_file);
-    ~Background();
-    Background(const Background&) = delete;
-    Background& operator=(const Background&) = delete;
-
-private:
-    int pid_;
-};
+using test_support::LineProcess;
+using test_support::Outcome;
+using test_support::run;
 
 /** The content server that can misbehave, in the background. */
 class ContentServer {
@@ -40,11 +25,12 @@ public:
     /** Serves a device's content; its faults are those of a file, none to begin with. */
     explicit ContentServer(const std::string& device_home);
     void set_fault(const std::string& line) const;
-    std::string url() const;
+    std::string url() const { return "http://127.0.0.1:" + port_; }
 
 private:
     std::string run_;
-    Background server_;
+    LineProcess server_;
+    std::string port_;
 };
 
 class Device {

@@ -21,11 +21,9 @@ TEST_P(ForegroundDevice, EndsWithWhoeverRunsIt) {
     device.publish("1.05");
     device.run_update();
     write_file(device.home("/run/daemon.log"), "");
-    auto owner = std::make_unique<Background>(
-        std::vector<std::string>{"bash", "-c", "\"$@\" & wait", "owner", AD_DEVICE, "--build",
-                                 BUILD_FOLDER, "--dir", device.home(""), "start", "--foreground",
-                                 "--preload", SHORT_WAITS},
-        device.home("/run/owner.log"));
+    auto owner = std::make_unique<LineProcess>(std::vector<std::string>{
+        "bash", "-c", "\"$@\" & wait", "owner", AD_DEVICE, "--build", BUILD_FOLDER, "--dir",
+        device.home(""), "start", "--foreground", "--preload", SHORT_WAITS});
     ASSERT_TRUE(poll([&] { return device.logged("Version = 1.05"); }));
     const int daemon = device.daemon_pid();
     ASSERT_TRUE(alive(daemon));
@@ -55,7 +53,7 @@ TEST(DeviceItself, RefusesWhatItCannotDoInOneLine) {
              {"create"}, {"set", "network", "sideways"}, {"set"}, {"dance"}, {"publish", "one"}}) {
         std::vector<std::string> line{AD_DEVICE, "--build", BUILD_FOLDER, "--dir", home};
         line.insert(line.end(), arguments.begin(), arguments.end());
-        const CommandResult result = run(line);
+        const Outcome result = run(line);
         EXPECT_NE(result.status, 0) << arguments[0];
         EXPECT_EQ(std::count(result.output.begin(), result.output.end(), '\n'), 1) << result.output;
     }

@@ -70,7 +70,7 @@ private:
             const std::string target = device.home("/" + to + (to.empty() ? "" : "/") + part);
             fs::remove_all(target);
             fs::create_directories(fs::path(target).parent_path());
-            const CommandResult copied = run({"cp", "-a", device.home("/" + from + part), target});
+            const Outcome copied = run({"cp", "-a", device.home("/" + from + part), target});
             ASSERT_EQ(copied.status, 0) << copied.output;
         }
     }

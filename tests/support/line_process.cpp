@@ -39,6 +39,7 @@ LineProcess::LineProcess(const std::vector<std::string>& command) {
         dup2(to_child[0], STDIN_FILENO);
         dup2(from_child[1], STDOUT_FILENO);
         dup2(from_child[1], STDERR_FILENO);
+        signal(SIGPIPE, SIG_DFL);
         execvp(arguments[0], arguments.data());
         perror(arguments[0]);
         _exit(127);
@@ -122,10 +123,16 @@ bool LineProcess::alive() {
 int LineProcess::finish() {
     if (input_ >= 0) close(input_);
     input_ = -1;
-    while (read_some(Milliseconds(10000))) {
+    while (read_some(Milliseconds(-1))) {
     }
     if (status_ < 0) waitpid(pid_, &status_, 0);
     return WIFEXITED(status_) ? WEXITSTATUS(status_) : 128 + WTERMSIG(status_);
+}
+
+Outcome run(const std::vector<std::string>& command) {
+    LineProcess process(command);
+    const int status = process.finish();
+    return {status, process.transcript()};
 }
 
 }  // namespace test_support

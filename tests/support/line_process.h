@@ -61,6 +61,16 @@ private:
     std::string transcript_;
 };
 
+struct Outcome {
+    /** The exit status, or 128 and the signal's number. */
+    int status = 0;
+    /** Standard output and standard error. */
+    std::string output;
+};
+
+/** Runs a program to its end, without a shell. */
+Outcome run(const std::vector<std::string>& command);
+
 }  // namespace test_support
 
 #endif

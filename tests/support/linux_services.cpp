@@ -1,6 +1,5 @@
 #include "linux_services.h"
 
-#include <array>
 #include <cstdio>
 #include <string_view>
 #include <vector>
@@ -41,19 +40,7 @@ void enter_linux_services(int argc, char** argv) {
     _exit(1);
 }
 
-Outcome shell(const std::string& command) {
-    Outcome outcome;
-    FILE* pipe = popen(("exec 2>&1\n" + command).c_str(), "re");
-    if (!pipe) return {-1, "popen failed"};
-    std::array<char, 4096> chunk{};
-    size_t size = 0;
-    while ((size = fread(chunk.data(), 1, chunk.size(), pipe)) > 0) {
-        outcome.output.append(chunk.data(), size);
-    }
-    const int status = pclose(pipe);
-    outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    return outcome;
-}
+Outcome shell(const std::string& command) { return run({"sh", "-c", command}); }
 
 Outcome services(const std::string& arguments) {
     return shell(std::string(LINUX_SERVICES) + " " + arguments);

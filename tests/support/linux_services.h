@@ -2,6 +2,8 @@
 #ifndef TEST_SUPPORT_LINUX_SERVICES_H
 #define TEST_SUPPORT_LINUX_SERVICES_H
 
+#include "line_process.h"
+
 #include <string>
 
 namespace test_support {
@@ -18,13 +20,6 @@ bool in_linux_services();
 
 /** Why a test has to be skipped where it is not. */
 extern const char* const NO_NAMESPACES;
-
-struct Outcome {
-    /** The exit status, or 128 and the signal's number. */
-    int status = 0;
-    /** Standard output and standard error. */
-    std::string output;
-};
 
 /** Runs a shell command to its end. */
 Outcome shell(const std::string& command);
