@@ -11,8 +11,9 @@ platform_kept() { echo "$device/linux"; }
 platform_library() { echo "$build/lib/linux/libad-platform.so.1"; }
 platform_namespaces() { echo --net --uts; }
 platform_environment() { "$here/linux-services" environment; }
-# The cable's other end, so that the server is gone when the cable is.
+# At the cable's other end, which is another host: gone when the cable is.
 platform_host() { echo 10.9.0.1; }
+platform_serve() { nsenter --net=/run/netns/far "$@" --bind 0.0.0.0; }
 
 platform_requires() {
     local program
@@ -59,7 +60,10 @@ platform_power() {
     mount --bind "$kept/config" "$XDG_CONFIG_HOME"
     mkdir -p /etc/NetworkManager/system-connections
     mount --bind "$kept/system-connections" /etc/NetworkManager/system-connections
-    [ "$(cat "$kept/cable")" = up ] || ip link set far0 down
+    ip netns add far
+    ip link set far0 netns far
+    ip -n far address add "$(platform_host)/24" dev far0
+    ip -n far link set far0 "$(cat "$kept/cable")"
     "$here/linux-services" start
 }
 
@@ -68,9 +72,14 @@ platform_mounts() {
     mount --bind "$(platform_kept)/os-release" /etc/os-release
 }
 
-# Runs a command where the services are.
+# Runs a command where the services are, once they are there.
 with_services() {
-    local pid
+    local tries pid
+    for ((tries = 0; tries < 500; tries++)); do
+        holder >/dev/null || fail "the device is off"
+        [ ! -e "$device/run/powered" ] || break
+        sleep 0.02
+    done
     pid=$(supply) || fail "the device is off"
     eval "$(platform_environment)"
     nsenter --target "$pid" --mount --net --uts --pid --wd=/ "$@"
@@ -78,11 +87,11 @@ with_services() {
 
 # Through the device's own bus while it is on, else through one for the moment.
 write_setting() {
+    local scratch said status=0
     if holder >/dev/null; then
-        with_services dconf write "$@"
+        said=$(with_services dconf write "$@" 2>&1) || fail "dconf write $1: ${said%%$'\n'*}"
         return
     fi
-    local scratch said status=0
     scratch=$(mktemp -d "$device/run/settings.XXXXXX")
     said=$(env -u DBUS_SESSION_BUS_ADDRESS XDG_CONFIG_HOME="$(platform_kept)/config" \
         XDG_CACHE_HOME="$scratch" XDG_RUNTIME_DIR="$scratch" \
@@ -94,10 +103,10 @@ write_setting() {
 set_network() {
     case $1 in
         up | down) ;;
-        *) fail "set network: up or down, not '$1': this platform's device has a cable only" ;;
+        *) misused "set network: up or down, not '$1': this platform's device has a cable only" ;;
     esac
     echo "$1" >"$(platform_kept)/cable"
-    ! holder >/dev/null || with_services ip link set far0 "$1"
+    ! holder >/dev/null || with_services ip -n far link set far0 "$1"
 }
 
 set_consent() { write_setting /db/menu/kelo_home/homedatacontrol/defaultdisclaimeragree "$1"; }

@@ -9,6 +9,7 @@ platform_namespaces() { :; }
 platform_environment() { :; }
 platform_power() { :; }
 platform_host() { echo 127.0.0.1; }
+platform_serve() { "$@" --bind 127.0.0.1; }
 
 platform_mounts() {
     mount -t tmpfs -o mode=755 tmpfs /run
@@ -79,7 +80,7 @@ set_network() {
         up) type=ethernet ;;
         down) type=disconnected ;;
         ethernet | wifi | cellular | bluetooth) ;;
-        *) fail "set network: up, down, ethernet, wifi, cellular or bluetooth, not '$type'" ;;
+        *) misused "set network: up, down, ethernet, wifi, cellular or bluetooth, not '$type'" ;;
     esac
     edits=(network type "$type")
     local pair
@@ -97,6 +98,6 @@ set_network() {
 set_consent() { edit settings db/menu/kelo_home/homedatacontrol/defaultdisclaimeragree "int:$1"; }
 set_language() { edit settings db/menu_widget/language "string:$1"; }
 set_firmware() { edit system firmware "$1"; }
-set_result() { edit results "$1" "${2:?set result: CALL CODE}"; }
+set_result() { edit results "$1" "$2"; }
 
 firmware_version() { sed -n 's/^firmware=//p' "$device/opt/platform/state.ini"; }

@@ -11,6 +11,7 @@
 
 #include <glib.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 namespace device_tests {
 
@@ -63,6 +64,18 @@ ContentServer::ContentServer(const std::string& device_home)
       port_(server_.await("", PATIENCE).value_or("none")) {}
 
 void ContentServer::set_fault(const std::string& line) const { write_file(run_ + "/faults", line); }
+
+namespace {
+
+/** Skips every test where no device can be made. */
+class Rights : public testing::Environment {
+    void SetUp() override {
+        if (geteuid() != 0) GTEST_SKIP() << "needs root";
+    }
+};
+const auto* const rights = testing::AddGlobalTestEnvironment(new Rights);
+
+}  // namespace
 
 Device::Device(const std::string& platform) {
     const auto* test = testing::UnitTest::GetInstance()->current_test_info();

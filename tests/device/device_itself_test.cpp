@@ -46,11 +46,32 @@ TEST(DeviceItself, AMountedImageGoesWithThePlug) {
     EXPECT_TRUE(poll([&] { return device.leftovers().empty(); })) << device.leftovers();
 }
 
+TEST(DeviceItself, StartsOnceHoweverManyAskAndIsSetWhileItStarts) {
+    const Device device("linux");
+    const std::string ad_device = AD_DEVICE " --build " BUILD_FOLDER " --dir '" + device.home("'");
+    const Outcome started =
+        run({"sh", "-c",
+             "for i in 1 2 3 4; do " + ad_device + " start & done; sleep 0.05; " + ad_device +
+                 " set language it_IT || echo not set; " + ad_device +
+                 " set network up || echo not plugged; wait"});
+    EXPECT_EQ(std::count(started.output.begin(), started.output.end(), '\n'), 3) << started.output;
+    EXPECT_EQ(device.command({"exec", "dconf", "read", "/db/menu_widget/language"}), "'it_IT'\n");
+    EXPECT_TRUE(device.await("CONNECTION_TYPE_ETHERNET"));
+    device.command({"kill"});
+    EXPECT_EQ(run({"pgrep", "-f", "ad-device-supply " + device.home("")}).output, "");
+}
+
 TEST(DeviceItself, RefusesWhatItCannotDoInOneLine) {
     const Device device;
     const std::string home = device.home("");
-    for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
-             {"create"}, {"set", "network", "sideways"}, {"set"}, {"dance"}, {"publish", "one"}}) {
+    for (const std::vector<std::string>& arguments :
+         std::vector<std::vector<std::string>>{{"create"},
+                                               {"set", "network", "sideways"},
+                                               {"set", "consent", "perhaps"},
+                                               {"set"},
+                                               {"dance"},
+                                               {"publish", "one"},
+                                               {"start", "--under", "nothing-of-this-name"}}) {
         std::vector<std::string> line{AD_DEVICE, "--build", BUILD_FOLDER, "--dir", home};
         line.insert(line.end(), arguments.begin(), arguments.end());
         const Outcome result = run(line);

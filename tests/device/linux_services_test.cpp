@@ -17,6 +17,9 @@ TEST_F(LinuxServices, AConnectionThatIsTakenDownAndUpOpensTheGateAgain) {
     ASSERT_TRUE(device.await("[CADAgentd] T&C is = [0]."));
     device.command({"exec", "nmcli", "connection", "down", "wired"});
     ASSERT_TRUE(device.await("Current Network State is 0"));
+    device.set("language", "de_DE");
+    ASSERT_TRUE(device.await("ad-agent: configuration document /AppsAd/v2: "));
+    EXPECT_EQ(device.requests("/AppsAd/v2"), 0);
     device.command({"exec", "dconf", "write",
                     "/db/menu/kelo_home/homedatacontrol/defaultdisclaimeragree", "1"});
     device.command({"exec", "nmcli", "connection", "up", "wired"});
