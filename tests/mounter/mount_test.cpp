@@ -35,9 +35,6 @@ protected:
     void expect_mounted(const std::string& version) {
         EXPECT_EQ(device().read(mounted_page), "page " + version);
         EXPECT_TRUE(device().is_clean(1));
-        // Nobody writes through the loop device, where one stands between.
-        shell("! grep 0 $(findmnt -no SOURCE " + device().at(mount_point) +
-              " | sed -n 's|^/dev/\\(loop.*\\)|/sys/block/\\1/ro|p') /dev/null");
         ASSERT_EQ(device().mounts().size(), 1U);
         const std::string mounted = device().mounts()[0];
         EXPECT_NE(mounted.find(" ro,nosuid,nodev,relatime "), std::string::npos) << mounted;
@@ -194,21 +191,18 @@ TEST_F(MountRefusals, ForeignMountStays) {
 }
 
 TEST_F(MountRefusals, BusyLoopDevicesAreTriedAgainButNotForEver) {
-    for (const int error : {EBUSY, EAGAIN}) {
-        for (const bool for_ever : {false, true}) {
-            int failures = 0;
-            const auto busy = [&](const SystemCall& call) {
-                const bool fails = call.number == SYS_ioctl &&
-                                   call.arguments[1] == LOOP_CONFIGURE &&
-                                   (for_ever || failures < 5);
-                failures += fails ? 1 : 0;
-                return fails ? error : 0;
-            };
-            EXPECT_TRUE(ended(trace(device(), mount_words, busy), for_ever ? 75 : 0));
-            EXPECT_GE(failures, 5);
-            EXPECT_LE(failures, 100);
-            EXPECT_TRUE(ended(device().run(umount_words), 0));
-        }
+    for (const auto& [error, times] : {std::pair(EBUSY, 5), std::pair(EAGAIN, 1000)}) {
+        int failures = 0;
+        const auto busy = [&failures, error = error, times = times](const SystemCall& call) {
+            const bool fails =
+                call.number == SYS_ioctl && call.arguments[1] == LOOP_CONFIGURE && failures < times;
+            failures += fails ? 1 : 0;
+            return fails ? error : 0;
+        };
+        EXPECT_TRUE(ended(trace(device(), mount_words, busy), times == 5 ? 0 : 75));
+        EXPECT_GE(failures, 5);
+        EXPECT_LE(failures, 100);
+        EXPECT_TRUE(ended(device().run(umount_words), 0));
     }
 }
 

@@ -1,93 +1,28 @@
-// How a run begins: in what order the process is, how little it may do, who may call
-// it, and that it works alone.
+// How a run begins: what it takes over from its caller, who that may be, and that it works
+// alone.
 
 #include "privileges.h"
 #include "process_start.h"
 #include "support/device.h"
-#include "support/scenarios.h"
 #include "support/tracer.h"
 
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 
 #include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
-#include <linux/capability.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 namespace mounter_test {
 namespace {
 
-namespace fs = std::filesystem;
-
 constexpr uid_t user = 1234;
 constexpr gid_t group = 5678;
 const Words create_words = {"--create", "create_path_usr_lib"};
-
-std::string status_field(pid_t pid, const std::string& name) {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/status");
-    for (std::string word; file >> word;) {
-        if (word == name + ':') {
-            file >> word;
-            return word;
-        }
-    }
-    return "";
-}
-
-class Rights : public DeviceTest, public testing::WithParamInterface<Scenario> {};
-
-TEST_P(Rights, AreReducedAndTheProcessInOrderBeforeAnythingIsTouched) {
-    const Scenario& scenario = GetParam();
-    const std::string& verb = scenario.words[0];
-    constexpr uint64_t mounting = 1ULL << CAP_SYS_ADMIN | 1ULL << CAP_DAC_OVERRIDE;
-    constexpr uint64_t files = 1ULL << CAP_DAC_OVERRIDE | 1ULL << CAP_CHOWN | 1ULL << CAP_FOWNER;
-    // Replacing reads the manifest of what it puts in place.
-    const uint64_t allowed = verb == "--mount" || verb == "--umount" ? mounting
-                             : verb == "--replaceimg"                ? mounting | files
-                                                                     : files;
-    const auto disorder = [] {
-        (void)!chdir("/home");
-        umask(0777);
-        for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
-            close(fd);
-        }
-    };
-    bool looked = false;
-    const auto look = [&](const SystemCall& call) {
-        const std::string process = "/proc/" + std::to_string(call.process);
-        if (call.number == SYS_flock) {
-            for (const char* descriptor : {"/fd/0", "/fd/1", "/fd/2"}) {
-                EXPECT_EQ(fs::read_symlink(process + descriptor), device().at("/dev/null"));
-            }
-            EXPECT_EQ(fs::read_symlink(process + "/cwd"), device().at(""));
-            looked = true;
-        }
-        if (is_mutating(call) || call.number == SYS_openat2) {
-            for (const char* set : {"CapPrm", "CapEff", "CapInh", "CapAmb"}) {
-                const uint64_t held = std::stoull(status_field(call.process, set), nullptr, 16);
-                EXPECT_EQ(held & ~allowed, 0U) << set << ' ' << held;
-            }
-            EXPECT_EQ(status_field(call.process, "NoNewPrivs"), "1");
-            EXPECT_EQ(status_field(call.process, "Seccomp"), "2");
-            EXPECT_EQ(status_field(call.process, "Umask"), "0022");
-        }
-        return 0;
-    };
-    scenario.prepare(device());
-    EXPECT_TRUE(ended(trace(device(), scenario.words, look, disorder), 0));
-    EXPECT_TRUE(looked);
-}
-
-INSTANTIATE_TEST_SUITE_P(Verbs, Rights, testing::ValuesIn(scenarios()),
-                         testing::PrintToStringParamName());
 
 TEST(Filter, ForbidsProgramsSocketsAndTracing) {
     if (geteuid() != 0) {

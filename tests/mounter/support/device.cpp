@@ -60,6 +60,17 @@ void shell(const std::string& line) {
     check(system(("(" + line + ") > /dev/null 2>&1").c_str()) == 0, line);
 }
 
+std::string status_field(pid_t pid, const std::string& name) {
+    std::ifstream file("/proc/" + std::to_string(pid) + "/status");
+    for (std::string word; file >> word;) {
+        if (word == name + ':') {
+            file >> word;
+            return word;
+        }
+    }
+    return "";
+}
+
 std::string Device::missing_rights() {
 #ifdef __x86_64__
     static const bool separated = geteuid() == 0 && access("/dev/loop-control", W_OK) == 0 &&

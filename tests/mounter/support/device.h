@@ -64,6 +64,9 @@ using Snapshot = std::map<std::string, std::array<size_t, 4>>;
 /** Runs a command line; ends the test when it fails. */
 void shell(const std::string& line);
 
+/** A field of /proc/PID/status. */
+std::string status_field(pid_t pid, const std::string& name);
+
 class Device {
 public:
     Device();
