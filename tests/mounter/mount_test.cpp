@@ -141,16 +141,10 @@ TEST_P(Mount, WorksOnOlderKernels) {
 INSTANTIATE_TEST_SUITE_P(Types, Mount, testing::Values("squashfs", "erofs"),
                          [](const auto& type) { return std::string(type.param); });
 
-class MountRefusals : public LaidOutTest {
-protected:
-    void prepare() override {
-        LaidOutTest::prepare();
-        device().put_image("/stage/good", "1.0");
-        device().put_image(stored_image, "1.0");
-    }
-};
+class MountRefusals : public LaidOutTest {};
 
 TEST_F(MountRefusals, WhatIsNoSoundImageOfRoots) {
+    device().put_image("/stage/good", "1.0");
     const std::pair<const char*, int> cases[] = {
         {"true", 66},
         {"mkdir $image", 65},
@@ -178,6 +172,8 @@ TEST_F(MountRefusals, WhatIsNoSoundImageOfRoots) {
 }
 
 TEST_F(MountRefusals, ForeignMountStays) {
+    device().put_image("/stage/good", "1.0");
+    device().put_image(stored_image, "1.0");
     const std::string point = device().at(mount_point);
     for (const std::string& what :
          {"-o loop,ro " + device().at("/stage/good"), std::string("-t tmpfs other")}) {
@@ -191,6 +187,7 @@ TEST_F(MountRefusals, ForeignMountStays) {
 }
 
 TEST_F(MountRefusals, BusyLoopDevicesAreTriedAgainButNotForEver) {
+    device().put_image(stored_image, "1.0");
     for (const auto& [error, times] : {std::pair(EBUSY, 5), std::pair(EAGAIN, 1000)}) {
         int failures = 0;
         const auto busy = [&failures, error = error, times = times](const SystemCall& call) {

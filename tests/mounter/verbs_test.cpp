@@ -35,10 +35,10 @@ using Prepare = std::function<void(const Device&)>;
 struct Scenario {
     std::string name;
     Words words;
-    Prepare prepare;      // brings the device into the state before, whatever was there
-    std::string changed;  // the state is what is seen there
-    std::string walked;   // a further path that is walked
-    bool gap = false;     // whether the old may be gone before the new is there
+    Prepare prepare;          // brings the device into the state before, whatever was there
+    std::string changed;      // the state is what is seen there
+    std::string walked = "";  // a further path that is walked
+    bool gap = false;         // whether the old may be gone before the new is there
 };
 
 // How GoogleTest prints one.
@@ -68,7 +68,7 @@ void install_no_resources(const Device& device) {
     device.remove(player_res);
 }
 
-Prepare store_image(const std::string& type) {
+Prepare store_image(const std::string& type = "squashfs") {
     return [type](const Device& device) {
         start_over(device);
         device.make_layout();
@@ -88,7 +88,7 @@ Prepare mount_image(const std::string& type, const std::string& next_version = "
 
 Prepare download_image(uid_t owner) {
     return [owner](const Device& device) {
-        store_image("squashfs")(device);
+        store_image()(device);
         device.put_image(downloaded_image, "2.0");
         device.give(downloaded_image, owner, 0);
     };
@@ -97,25 +97,21 @@ Prepare download_image(uid_t owner) {
 std::vector<Scenario> scenarios() {
     const auto create = [](const char* what) { return Words{"--create", what}; };
     const auto remove = [](const char* what) { return Words{"--remove", what}; };
-    const std::string squashfs = "squashfs";
-    const std::string erofs = "erofs";
     return {
-        {"CreateDirectory", create("create_path_apps_adagent"), start_over, agent_data, ""},
-        {"CreateManifest", create("create_file_apps_zeladagent_xml"), start_over, cache_manifest,
-         ""},
+        {"CreateDirectory", create("create_path_apps_adagent"), start_over, agent_data},
+        {"CreateManifest", create("create_file_apps_zeladagent_xml"), start_over, cache_manifest},
         {"RemoveLibraries", remove("remove_usr_lib_file"), install_old_version, agent_library,
          player_library},
-        {"RemoveLibraryPath", remove("remove_usr_lib_path"), install_old_version, usr_lib, ""},
-        {"RemoveImage", remove("remove_zel_adagent_img_file"), store_image(squashfs), stored_image,
-         ""},
-        {"RemoveResources", remove("remove_player_res_path"), install_old_version, player_res, ""},
-        {"MountSquashfs", mount_words, store_image(squashfs), mount_point, stored_image},
-        {"MountErofs", mount_words, store_image(erofs), mount_point, stored_image},
-        {"MountOverOldsquashfs", mount_words, mount_image(squashfs, "2.0"), mount_point,
+        {"RemoveLibraryPath", remove("remove_usr_lib_path"), install_old_version, usr_lib},
+        {"RemoveImage", remove("remove_zel_adagent_img_file"), store_image(), stored_image},
+        {"RemoveResources", remove("remove_player_res_path"), install_old_version, player_res},
+        {"MountSquashfs", mount_words, store_image(), mount_point, stored_image},
+        {"MountErofs", mount_words, store_image("erofs"), mount_point, stored_image},
+        {"MountOverOldsquashfs", mount_words, mount_image("squashfs", "2.0"), mount_point,
          stored_image, true},
-        {"MountOverOlderofs", mount_words, mount_image(erofs, "2.0"), mount_point, stored_image,
+        {"MountOverOlderofs", mount_words, mount_image("erofs", "2.0"), mount_point, stored_image,
          true},
-        {"Unmount", umount_words, mount_image(squashfs), mount_point, ""},
+        {"Unmount", umount_words, mount_image("squashfs"), mount_point},
         {"ReplaceByRename", replace_words, download_image(0), stored_image, downloaded_image},
         {"ReplaceByCopy", replace_words, download_image(1234), stored_image, downloaded_image},
         {"CopyLibrary", library_words, install_old_version, agent_library, mounted_library},
