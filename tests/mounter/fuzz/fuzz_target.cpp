@@ -1,16 +1,22 @@
-// Feeds the command line and the image header with whatever libFuzzer finds.
-// The first byte chooses: 'c' for words separated by newlines, 'i' for a header.
+// Feeds what is read of an image before it is trusted, and the keys. The first byte
+// chooses: 'i' for a header, 't' for a trailer, 'm' for a manifest, 'k' for a public key.
 
-#include "command_line.h"
 #include "image.h"
+#include "keys.h"
+#include "manifest.h"
+#include "trailer.h"
 
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <string>
 #include <vector>
 
 namespace {
+
+// Of exactly the input's size, so that reading beyond it is noticed.
+using Input = std::vector<uint8_t>;
 
 void require(bool holds) {
     if (!holds) {
@@ -18,49 +24,42 @@ void require(bool holds) {
     }
 }
 
-void fuzz_command_line(const std::string& text) {
-    std::vector<std::string> words(1);
-    for (const char byte : text) {
-        if (byte == '\n') {
-            words.emplace_back();
-        } else {
-            words.back() += byte;
-        }
-    }
-    std::vector<const char*> argv = {"ad-mounter"};
-    for (const std::string& word : words) {
-        argv.push_back(word.c_str());
-    }
-    argv.push_back(nullptr);
-    const ad_mounter::Command command =
-        ad_mounter::parse_command_line(static_cast<int>(argv.size()) - 1, argv.data());
-    require((command.form == nullptr) == (command.complaint != nullptr));
-    if (command.form == nullptr) {
-        require(command.row == nullptr);
-        return;
-    }
-    require((command.row != nullptr) == (command.form->arguments > 0));
-    require(argv.size() == command.form->arguments + 3);
-    if (command.row != nullptr) {
-        require(command.row->verb == command.form->verb);
-        require(std::string(argv[2]) == command.row->first);
-        require((command.row->second != nullptr) == (command.form->arguments == 2));
-        require(command.row->second == nullptr || std::string(argv[3]) == command.row->second);
+void fuzz_image_header(const Input& header) {
+    for (const uint64_t file_size : {uint64_t{header.size()}, uint64_t{1} << 20, ~uint64_t{0}}) {
+        const ad_mounter::Recognition seen =
+            ad_mounter::recognise_image(header.data(), header.size(), file_size);
+        require(seen.refusal != nullptr || header.size() >= 96);
     }
 }
 
-void fuzz_image_header(const uint8_t* data, size_t size) {
-    // A copy of exactly this size, so that reading beyond it is noticed.
-    const std::vector<uint8_t> header(data, data + size);
-    for (const uint64_t file_size : {uint64_t{size}, uint64_t{1} << 20, ~uint64_t{0}}) {
-        const ad_mounter::Recognition seen =
-            ad_mounter::recognise_image(header.data(), header.size(), file_size);
-        if (seen.refusal == nullptr) {
-            require(size >= 96);
-            require(std::string(file_system_name(seen.type)) ==
-                    (memcmp(header.data(), "hsqs", 4) == 0 ? "squashfs" : "erofs"));
+void fuzz_trailer(const Input& bytes) {
+    for (const uint64_t file_size : {uint64_t{bytes.size()}, uint64_t{bytes.size()} + 4096}) {
+        const ad_mounter::Trailer trailer =
+            ad_mounter::parse_trailer(bytes.data(), bytes.size(), file_size);
+        if (trailer.refusal == nullptr) {
+            require(trailer.length <= bytes.size() && trailer.length < file_size);
+            const std::string comment(trailer.comment, trailer.comment_length);
+            require(trailer.version[0] != '\0');
+            require(comment.find("version:" + std::string(trailer.version)) != std::string::npos);
         }
     }
+}
+
+void fuzz_manifest(const Input& text) {
+    const std::string all(text.begin(), text.end());
+    char version[ad_mounter::version_size];
+    if (ad_mounter::version_in_manifest(reinterpret_cast<const char*>(text.data()), text.size(),
+                                        version)) {
+        require(strlen(version) < sizeof version && all.find(version) != std::string::npos);
+        require(strpbrk(version, " \t\r\n<&") == nullptr);
+    }
+}
+
+void fuzz_key(const Input& text) {
+    ad_mounter::PublicKey key;
+    require(!ad_mounter::parse_public_key(reinterpret_cast<const char*>(text.data()), text.size(),
+                                          key) ||
+            text.size() > 56);
 }
 
 }  // namespace
@@ -68,10 +67,10 @@ void fuzz_image_header(const uint8_t* data, size_t size) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (size > 0 && data[0] == 'c') {
-        fuzz_command_line(std::string(data + 1, data + size));
-    } else if (size > 0 && data[0] == 'i') {
-        fuzz_image_header(data + 1, size - 1);
+    static const std::map<uint8_t, void (*)(const Input&)> targets = {
+        {'i', fuzz_image_header}, {'t', fuzz_trailer}, {'m', fuzz_manifest}, {'k', fuzz_key}};
+    if (size > 0 && targets.count(data[0]) > 0) {
+        targets.at(data[0])(Input(data + 1, data + size));
     }
     return 0;
 }

@@ -5,6 +5,7 @@
 
 #include "maker.h"
 
+#include <array>
 #include <functional>
 #include <map>
 #include <memory>
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 namespace mounter_test {
 
@@ -26,15 +28,22 @@ constexpr const char* stored_image = "/opt/down/zels/zelADAgent_img/zelADAgent.i
 constexpr const char* key_directory = "/usr/lib/ad-mounter/keys";
 constexpr const char* device_key = "/usr/lib/ad-mounter/keys/device.pub";
 constexpr const char* player_res = "/usr/bin/zels/zelADAgent/adplayer/res";
+constexpr const char* mounted_library = "/opt/usr/apps/zelADAgent/libad-agent-fwk.so";
+constexpr const char* mounted_res = "/opt/usr/apps/zelADAgent/adplayer/res";
 
 using Words = std::vector<std::string>;
 
 const Words mount_words = {"--mount", stored_image, mount_point};
 const Words umount_words = {"--umount", mount_point};
 const Words replace_words = {"--replaceimg", downloaded_image, stored_image};
-const Words library_words = {"--copylib", std::string(mount_point) + "/libad-agent-fwk.so",
-                             agent_library};
-const Words tree_words = {"--copy_all", std::string(mount_point) + "/adplayer/res", player_res};
+const Words library_words = {"--copylib", mounted_library, agent_library};
+const Words tree_words = {"--copy_all", mounted_res, player_res};
+
+/** What can be asked to be created. */
+constexpr const char* creations[] = {
+    "create_path_usr_lib",         "create_path_apps_adagent",
+    "create_path_apps_zeladagent", "create_file_apps_zeladagent_xml",
+    "create_path_zeladagent",      "create_path_zeladagent_img"};
 
 /** How a run of the tool ended. */
 struct Result {
@@ -43,22 +52,20 @@ struct Result {
     std::string err;
 };
 
-/** Extras of a run. */
-struct RunOptions {
-    uid_t user = 0;
-    gid_t group = 0;
-    bool empty_argument_vector = false;
-    Words environment;
-    /** Called in the child, chrooted, last before the tool is executed. */
-    std::function<void()> before_exec;
-};
+/** Whether a run succeeded and said nothing, or failed so and said it in one line. */
+testing::AssertionResult ended(const Result& result, int status);
 
-/** A tree as text: path below its top -> kind, mode, owner and content. */
-using Snapshot = std::map<std::string, std::string>;
-Snapshot snapshot(const std::string& top);
+/** Called in the child, chrooted, last before the tool is executed. */
+using BeforeExec = std::function<void()>;
+
+/** A tree: path below its top -> kind and mode, user, group, and the content's hash. */
+using Snapshot = std::map<std::string, std::array<size_t, 4>>;
 
 /** Runs a command line; ends the test when it fails. */
 void shell(const std::string& line);
+
+/** A field of /proc/PID/status. */
+std::string status_field(pid_t pid, const std::string& name);
 
 class Device {
 public:
@@ -79,64 +86,68 @@ public:
     bool exists(const std::string& inside) const;
     void remove(const std::string& inside) const;
     void give(const std::string& inside, uid_t user, gid_t group) const;
+    void set_mode(const std::string& inside, mode_t mode) const;
+    /** As "USER:GROUP MODE". */
+    std::string owner(const std::string& inside) const;
+    Snapshot snapshot(const std::string& inside) const;
 
     /** Makes all the directories that the tool works in. */
     void make_layout() const;
 
+    /** The libraries and resources of a version, as if an image of it were mounted. */
+    void put_tree(const std::string& inside, const std::string& version) const;
+
     /**
-     * Makes a signed image with the libraries and resources of a version and puts it
-     * at `inside`. `type` is "squashfs" or "erofs". `change` may alter the tree
-     * first; its argument is the tree's path. Made once for each version and type.
+     * Makes a signed image of the same. `type` is "squashfs" or "erofs". The command
+     * line `change` may alter the tree first, in which it is run. Made once for each
+     * version and type, in /stage/VERSION.TYPE; what is signed is ".unsigned" beside it.
      */
     void put_image(const std::string& inside, const std::string& version,
-                   const std::string& type = "squashfs",
-                   const std::function<void(const std::string&)>& change = {}) const;
+                   const std::string& type = "squashfs", const std::string& change = "") const;
 
     /** Whose images the device takes. */
     const Maker& maker() const { return maker_; }
 
-    /** The same tree without an image, as if it were mounted. */
-    void put_tree(const std::string& inside, const std::string& version) const;
+    Result run(const Words& words, const BeforeExec& before_exec = {}) const;
 
-    Result run(const Words& words, const RunOptions& options = {}) const;
+    /** The same in two parts. */
+    pid_t start(const Words& words, const BeforeExec& before_exec = {}) const;
+    Result wait_for(pid_t pid) const;
 
-    /** In a child: chroots and executes the tool; does not return. */
-    [[noreturn]] void execute(const Words& words, const RunOptions& options) const;
+    /** Of a run that ended with what waitpid() gave. */
+    Result result(int wait_status) const;
 
-    /** Installs the tool set-user-ID with this group. */
-    void install_set_user_id(gid_t group) const;
+    /** Takes the lock that runs hold; closing it gives it back. */
+    int hold_lock() const;
 
-    /** The lines of mountinfo for mounts at the mount point. */
-    std::vector<std::string> mounts() const;
+    /** The lines of mountinfo for mounts at the mount point, and for images anywhere. */
+    Words mounts() const;
 
-    /** Loop devices whose file is this device's stored or downloaded image. */
-    Words loop_devices() const;
-
-    /** Names of temporaries that a run left. */
-    Words leftovers() const;
+    /** Whether there is no temporary, and no mount or loop device but the mounted image's. */
+    testing::AssertionResult is_clean(size_t most_mounts = 0) const;
 
 private:
+    Words loop_devices() const;
+
     std::string root_;
     Maker maker_;
 };
 
 class DeviceTest : public testing::Test {
 protected:
-    void SetUp() override {
-        const std::string missing = Device::missing_rights();
-        if (!missing.empty()) {
-            GTEST_SKIP() << missing;
-        }
-        device_ = std::make_unique<Device>();
-    }
+    void SetUp() final;
+    virtual void prepare() {}
     Device& device() { return *device_; }
 
 private:
     std::unique_ptr<Device> device_;
 };
 
-/** A failed run says one line: "ad-mounter: VERB: STEP: PATH: REASON". */
-testing::AssertionResult is_one_line(const Result& result);
+/** With all the directories that the tool works in. */
+class LaidOutTest : public DeviceTest {
+protected:
+    void prepare() override { device().make_layout(); }
+};
 
 }  // namespace mounter_test
 

@@ -3,6 +3,7 @@
 #define MOUNTER_TEST_MAKER_H
 
 #include <array>
+#include <cstdint>
 #include <string>
 
 namespace mounter_test {
@@ -14,10 +15,9 @@ struct SignatureText {
     std::string trusted;
     std::string comment_signature;
     std::string magic = "ADIMGSIG";
-    long length_error = 0;  ///< added to the length that the trailer tells
-    unsigned layout = 1;
+    size_t length_error = 0;  ///< added to the length that the trailer tells
+    uint32_t layout = 1;
 
-    /** All of the trailer. */
     std::string trailer() const;
 };
 
@@ -28,8 +28,7 @@ public:
     /** The public key file. */
     std::string public_key() const;
 
-    /** Signs with a trusted comment such as "version:1.0". */
-    SignatureText sign(const std::string& file_system, const std::string& comment) const;
+    SignatureText sign(const std::string& file_system, const std::string& trusted_comment) const;
 
     /** The bytes followed by their trailer. */
     std::string signed_image(const std::string& file_system, const std::string& version) const {
@@ -40,13 +39,10 @@ public:
     void take_number_of(const Maker& other) { number_ = other.number_; }
 
 private:
-    std::array<unsigned char, 8> number_ = {};
+    std::string number_;
     std::array<unsigned char, 32> public_ = {};
     std::array<unsigned char, 64> secret_ = {};
 };
-
-/** The file system of a signed image. */
-std::string without_trailer(const std::string& image);
 
 }  // namespace mounter_test
 

@@ -17,29 +17,20 @@ struct SystemCall {
     std::array<uint64_t, 6> arguments;
 };
 
-/**
- * What happens to a call: it is made, it fails instead with the errno `value`,
- * the process is killed before it, or it is made with another first argument.
- */
-struct Decision {
-    enum { proceed, fail, kill, replace_first_argument } what = proceed;
-    int value = 0;
-};
-
-using Decide = std::function<Decision(const SystemCall&)>;
-
-/** Whether this can be done here; else a reason. */
-std::string missing_for_tracing();
+/** Gives 0 for a call that is made, or the errno that it fails with instead. */
+using Decide = std::function<int(const SystemCall&)>;
 
 /**
  * Runs the tool; `decide` sees every call that the tool itself makes, from all
- * of its threads, but none of its loader. A killed run has the status -SIGKILL.
+ * of its threads, but none of its loader.
  */
 Result trace(const Device& device, const Words& words, const Decide& decide,
-             RunOptions options = {});
+             const BeforeExec& before_exec = {});
 
-/** The name of a call that the tests inject faults into; null for all others. */
-const char* fault_name(const SystemCall& call);
+std::string name_of(const SystemCall& call);
+
+/** Whether it is one of the calls that the tests inject faults into. */
+bool is_faulty(const SystemCall& call);
 
 /** Whether the call changes something outside of the process. */
 bool is_mutating(const SystemCall& call);
