@@ -1,6 +1,8 @@
-// Feeds what is read of an image before it is trusted, and the keys. The first byte
-// chooses: 'i' for a header, 't' for a trailer, 'm' for a manifest, 'k' for a public key.
+// Feeds the command line, what is read of an image before it is trusted, and the keys. The
+// first byte chooses: 'c' for words, a line each, 'i' for a header, 't' for a trailer, 'm' for
+// a manifest, 'k' for a public key.
 
+#include "command_line.h"
 #include "image.h"
 #include "keys.h"
 #include "manifest.h"
@@ -21,6 +23,33 @@ using Input = std::vector<uint8_t>;
 void require(bool holds) {
     if (!holds) {
         abort();
+    }
+}
+
+void fuzz_command_line(const Input& text) {
+    std::string words(text.begin(), text.end());
+    std::vector<const char*> argv = {"ad-mounter", words.c_str()};
+    for (char& byte : words) {
+        if (byte == '\n') {
+            byte = '\0';
+            argv.push_back(&byte + 1);
+        }
+    }
+    argv.push_back(nullptr);
+    const ad_mounter::Command command =
+        ad_mounter::parse_command_line(static_cast<int>(argv.size()) - 1, argv.data());
+    require((command.form == nullptr) == (command.complaint != nullptr));
+    if (command.form == nullptr) {
+        require(command.row == nullptr);
+        return;
+    }
+    require(argv.size() == command.form->arguments + 3);
+    require((command.row != nullptr) == (command.form->arguments > 0));
+    if (command.row != nullptr) {
+        require(command.row->verb == command.form->verb);
+        require(strcmp(argv[2], command.row->first) == 0);
+        require((command.row->second != nullptr) == (command.form->arguments == 2));
+        require(command.row->second == nullptr || strcmp(argv[3], command.row->second) == 0);
     }
 }
 
@@ -67,8 +96,11 @@ void fuzz_key(const Input& text) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const std::map<uint8_t, void (*)(const Input&)> targets = {
-        {'i', fuzz_image_header}, {'t', fuzz_trailer}, {'m', fuzz_manifest}, {'k', fuzz_key}};
+    static const std::map<uint8_t, void (*)(const Input&)> targets = {{'c', fuzz_command_line},
+                                                                      {'i', fuzz_image_header},
+                                                                      {'t', fuzz_trailer},
+                                                                      {'m', fuzz_manifest},
+                                                                      {'k', fuzz_key}};
     if (size > 0 && targets.count(data[0]) > 0) {
         targets.at(data[0])(Input(data + 1, data + size));
     }
