@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <functional>
@@ -155,6 +156,7 @@ protected:
                 check_rerun();
             }
         }
+        printf("%zu points tried\n", count * errors.size());
     }
 
 private:
