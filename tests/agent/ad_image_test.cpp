@@ -18,14 +18,12 @@ const std::string PACK =
 class AdImage : public testing::Test {
 protected:
     AdImage() {
-        write_file(folder / "agent.so", read_file(AGENT_LIBRARY));
-        write_file(folder / "player.so", read_file(PLAYER_LIBRARY));
-        write_file(folder / "res/a.ini", "a");
-        write_file(folder / "res/sub/b.ini", "b");
-        make(
-            "ln -s ../a.ini res/sub/up; ln -s ./sub//b.ini res/down;"
-            " for name in maker other; do"
-            "   ad-image keygen --no-password --key $name.key --public $name.pub; done");
+        make("cp " AGENT_LIBRARY " agent.so; cp " PLAYER_LIBRARY
+             " player.so; mkdir -p res/sub;"
+             "printf a >res/a.ini; ln -s ./sub//b.ini res/down;"
+             "printf b >res/sub/b.ini; ln -s ../a.ini res/sub/up;"
+             "for name in maker other; do"
+             "  ad-image keygen --no-password --key $name.key --public $name.pub; done");
     }
 
     /** Runs a command line. @return its exit status; output has what it said */

@@ -60,10 +60,11 @@ TEST_F(Device, AsksForADocumentOnlyWhenItHasChanged) {
     write_file(data + "/TileAd-v2.json", "{ ");
     expect("3 bytes", "/TileAd/v2");
     const std::string validator = read_file(data + "/TileAd-v2.json.validator");
-    write_file(data + "/TileAd-v2.json.validator", "http://elsewhere" + validator);
-    expect("3 bytes", "/TileAd/v2");
-    for (std::size_t length = 0; length < validator.size(); ++length) {
-        write_file(data + "/TileAd-v2.json.validator", validator.substr(0, length));
+    Names others = {"http://elsewhere" + validator};
+    for (std::size_t length = 0; length < validator.size(); ++length)
+        others.insert(validator.substr(0, length));
+    for (const std::string& other : others) {
+        write_file(data + "/TileAd-v2.json.validator", other);
         expect("3 bytes", "/TileAd/v2");
     }
 

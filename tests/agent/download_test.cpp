@@ -26,24 +26,16 @@ Processes children_of(pid_t process) {
 
 class Download : public Device {
 protected:
-    void stall_at(std::size_t bytes) {
-        server.set_faults("/images/* stall " + std::to_string(bytes));
-    }
-
     /** Waits until so many bytes of an image have come. */
     void await_part(std::size_t bytes) const {
-        std::error_code missing;
-        for (int tries = 0; tries < 5000; ++tries) {
-            if (std::filesystem::file_size(part, missing) >= bytes && !missing) return;
-            usleep(1000);
-        }
+        for (int tries = 0; tries < 5000 && read_file(part).size() < bytes; ++tries) usleep(1000);
     }
 
     /** Kills a host in the middle of a new download, when so many bytes have come. */
     void kill_at(std::size_t bytes) {
         remove("zelADAgent.img");
         remove("zelADAgent.img.part");
-        stall_at(bytes);
+        server.set_faults("/images/* stall " + std::to_string(bytes));
         prctl(PR_SET_CHILD_SUBREAPER, 1);
         const pid_t host = fork();
         if (host == 0) {
@@ -76,7 +68,7 @@ protected:
     /** Updates in vain, while another process acts on this one when the download hangs. */
     void expect_failure(const std::function<void(pid_t host)>& act, const std::string& reason) {
         remove("zelADAgent.img.part");
-        stall_at(TENTH);
+        server.set_faults("/images/* stall 40000");
         const pid_t host = getpid();
         const pid_t helper = fork();
         if (helper == 0) {
