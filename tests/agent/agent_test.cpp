@@ -2,7 +2,6 @@
 #include "device.h"
 
 #include <cstring>
-#include <regex>
 
 #include <sched.h>
 #include <sys/mount.h>
@@ -106,9 +105,9 @@ protected:
 
     void expect_refusal(const std::string& reason) {
         expect_no_update("1.05", reason);
-        const std::regex progress("[^\n]* % of [^\n]*\n");
-        EXPECT_THAT(std::regex_replace(output, progress, ""),
-                    MatchesRegex("(ad-agent: update: downloading [^\n]*\n)?ad-agent: [^\n]*\n"));
+        EXPECT_THAT(output, MatchesRegex("(ad-agent: update: downloading [^\n]*\n)?"
+                                         "(ad-agent: update: [0-9]+ % [^\n]*\n)*"
+                                         "ad-agent: update: [^\n]*\n"));
         EXPECT_EQ(read_file(data + "/zelADAgent.img"), "an old download");
         EXPECT_FALSE(std::filesystem::exists(data + "/update.ini.part"));
     }
