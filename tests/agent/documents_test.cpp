@@ -2,9 +2,9 @@
 #include "configuration_document.h"
 #include "data_folder.h"
 #include "device_state.h"
+#include "files.h"
 #include "manifest.h"
 #include "settings.h"
-#include "temporary_folder.h"
 #include "update_index.h"
 #include "version.h"
 
@@ -17,23 +17,21 @@ namespace ad_agent {
 namespace {
 
 using testing::HasSubstr;
+using testing::StartsWith;
 
 TEST(Version, IsADecimalFractionComparedAsAFloat) {
-    for (const char* good : {"0", "1.05", "12", "0.00", "1234567890.12345678"})
+    for (const char* good : {"0", "1.05", "1234567890.12345678"})
         EXPECT_TRUE(is_version(good)) << good;
-    for (const char* bad : {"", ".", "1.", ".5", "1.0.5", "-1", "+1", "1e3", "0x1", "nan", " 1",
-                            "1.05\n", "1234567890.123456789"})
+    for (const char* bad :
+         {"", ".", "1.", ".5", "1.0.5", "-1", "0x1", " 1", "1.05\n", "1234567890.123456789"})
         EXPECT_FALSE(is_version(bad)) << bad;
 
-    for (const auto& [newer, older] : Cases{
-             {"1.06", "1.05"}, {"2.9", "2.10"}, {"0.01", "0.00"}, {"1", "abc"}, {"2.9", "2.899"}}) {
+    for (const auto& [newer, older] : Cases{{"1.06", "1.05"}, {"2.9", "2.10"}, {"1", "abc"}}) {
         EXPECT_TRUE(is_newer(newer, older)) << newer;
         EXPECT_FALSE(is_newer(older, newer)) << newer;
     }
-    for (const auto& [version, same] :
-         Cases{{"1.05", "1.05"}, {"1.050", "1.05"}, {"0.00", ""}, {"16777217", "16777216"}})
+    for (const auto& [version, same] : Cases{{"1.050", "1.05"}, {"16777217", "16777216"}})
         EXPECT_FALSE(is_newer(version, same)) << version;
-    EXPECT_FALSE(is_newer("1", "nan"));
 }
 
 class Files : public testing::Test {
@@ -43,8 +41,9 @@ protected:
     const DataFolder data = *DataFolder::open(folder / "", error);
 };
 
-TEST_F(Files, ConfigurationHasDefaults) {
+TEST_F(Files, ConfigurationHasDefaultsAndNamesItsFaults) {
     const auto read = [&](const std::string& text) {
+        error.clear();
         write_file(folder / "conf", text);
         const Settings s = load_settings(folder / "conf", error).value_or(Settings());
         return std::make_tuple(s.server_url, s.connect_timeout, s.stall_timeout, s.document_timeout,
@@ -55,13 +54,10 @@ TEST_F(Files, ConfigurationHasDefaults) {
     EXPECT_EQ(read("[server]\nurl=file:///srv\nverify=false\nauthorities=/a.pem\n"
                    "[timeouts]\nconnect=1\nstall=2\ndocument=3\nimage=4\n"),
               std::make_tuple("file:///srv", 1, 2, 3, 4, false, "/a.pem"));
-}
 
-TEST_F(Files, ConfigurationNamesItsFaults) {
     for (const auto& [text, reason] :
          Cases{{"url=http://a\n", "does not start with a group"},
-               {"", "url must be"},
-               {"[server]\nurl=\n", "url must be"},
+               {"", "[server] url must be"},
                {"[server]\nurl=http://\n", "url must be"},
                {"[server]\nurl=ftp://host/\n", "url must be"},
                {"[server]\nurl=file://host/path\n", "url must be"},
@@ -69,10 +65,9 @@ TEST_F(Files, ConfigurationNamesItsFaults) {
                {"[server]\nurl=http://a\nverify=maybe\n", "[server] verify must be"},
                {"[server]\nurl=http://a\n[timeouts]\nstall=0\n", "[timeouts] stall must be"},
                {"[server]\nurl=http://a\n[timeouts]\nconnect=soon\n", "[timeouts] connect must"},
-               {"[server]\nurl=http://a\n[timeouts]\nimage=99999\n", "[timeouts] image must be"}}) {
-        write_file(folder / "conf", text);
-        EXPECT_FALSE(load_settings(folder / "conf", error)) << text;
-        EXPECT_THAT(error, HasSubstr(folder / "conf: "));
+               {"[server]\nurl=http://a\n[timeouts]\nimage=86401\n", "[timeouts] image must be"}}) {
+        read(text);
+        EXPECT_THAT(error, StartsWith("configuration " + folder / "conf: ")) << text;
         EXPECT_THAT(error, HasSubstr(reason));
     }
 }
@@ -90,52 +85,44 @@ TEST(UpdateIndex, IsReadUnlessAnyValueIsNotRight) {
     EXPECT_EQ(index->sha256, "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef");
     EXPECT_EQ(index->file, "a-1.06.img");
 
+    const std::vector<std::string> bad = {"version=1.0.6",
+                                          "size=0",
+                                          "size=-1",
+                                          "size=536870913",
+                                          "sha256=abc",
+                                          "file=",
+                                          "file=.a",
+                                          "file=a%2fb",
+                                          "min_firmware=a\\nb",
+                                          "torn",
+                                          "sha256=" + std::string(64, 'g'),
+                                          "max_firmware=" + std::string(256, '1')};
     // The last one of a key counts.
-    Names bad = {"", "[image]\n", "<html></html>", std::string(1000, '\0'), INDEX.substr(0, 60)};
-    for (const char* line :
-         {"version=1.0.6", "size=0", "size=-1", "size=99999999999999999999", "size=536870913",
-          "size=4 kB", "sha256=abc", "file=", "file=..", "file=../a.img", "file=a/b.img",
-          "file=a%2fb.img", "file=a.img?x", "min_firmware=a\\nb"})
-        bad.insert(INDEX + line + "\n");
-    bad.insert(INDEX + "sha256=" + std::string(64, 'g') + "\n");
-    bad.insert(INDEX + "max_firmware=" + std::string(256, '1') + "\n");
-    for (const std::string& text : bad) {
+    for (const std::string& line : bad) {
         error.clear();
-        EXPECT_FALSE(parse_update_index(text, error)) << text;
-        EXPECT_NE(error, "") << text;
+        EXPECT_FALSE(parse_update_index(INDEX + line, error)) << line;
+        EXPECT_NE(error, "") << line;
     }
 }
 
 TEST(UpdateIndex, MayBeForSomeFirmwareOnly) {
-    struct Case {
-        const char* lines;
-        std::vector<const char*> fitting;
-        std::vector<const char*> others;
-    };
-    for (const Case& c :
-         {Case{"", {"", "T-1"}, {}},
-          {"min_firmware=T-1200.10\n", {"T-1200.10", "T-1201"}, {"", "T-1200.9"}},
-          {"max_firmware=T-1200.10\n", {"T-1200.9", "T-1200.10"}, {"", "T-1200.11"}},
-          {"min_firmware=2\nmax_firmware=10\n", {"9"}, {"1", "11"}}}) {
+    const auto fits = [](const std::string& lines, const std::string& firmware) {
         std::string error;
-        const auto index = parse_update_index(INDEX + c.lines, error);
-        ASSERT_TRUE(index) << error;
-        for (const char* firmware : c.fitting)
-            EXPECT_EQ(firmware_mismatch(*index, firmware), "") << c.lines;
-        for (const char* firmware : c.others)
-            EXPECT_NE(firmware_mismatch(*index, firmware), "") << c.lines << firmware;
+        return firmware_mismatch(*parse_update_index(INDEX + lines, error), firmware).empty();
+    };
+    const std::string from = "min_firmware=T-1200.9\n";
+    const std::string to = "max_firmware=T-1200.10\n";
+    for (const std::string& lines : {from, to, from + to}) {
+        EXPECT_TRUE(fits(lines, "T-1200.9") && fits(lines, "T-1200.10")) << lines;
+        EXPECT_FALSE(fits(lines, "")) << lines;
+        EXPECT_EQ(fits(lines, "T-1200.8"), lines == to) << lines;
+        EXPECT_EQ(fits(lines, "T-1201.1"), lines == from) << lines;
     }
+    EXPECT_TRUE(fits("", ""));
 }
 
 TEST_F(Files, StateIsKeptWholeOrIsADevicesFirst) {
-    DeviceState state = read_state(data);
-    EXPECT_TRUE(state.bad.empty());
-    state.installed_sha256 = "a1";
-    state.installed_version = "1.06";
-    state.installed_loaded = true;
-    state.offered_version = "1.07";
-    state.offered_firmware = " T=1;[x]\n\\";
-    state.repairs = 2;
+    DeviceState state = {"a1", "1.06", true, "1.07", " T=1;[x]\n\\", 2, {}};
     for (int i = 0; i < 40; ++i) state.add_bad(std::to_string(i));
     state.add_bad("39");
     ASSERT_TRUE(write_state(data, state, error)) << error;
@@ -147,7 +134,7 @@ TEST_F(Files, StateIsKeptWholeOrIsADevicesFirst) {
     };
     EXPECT_EQ(all(read), all(state));
     EXPECT_EQ(read.bad.size(), 32U);
-    EXPECT_TRUE(read.is_bad("39") && read.is_bad("8") && !read.is_bad("7"));
+    EXPECT_THAT(read_file(folder / "state.ini"), HasSubstr("[bad]\nsha256=8;9;"));
 
     write_file(folder / "state.ini", "torn");
     EXPECT_EQ(read_state(data).offered_version, "");
@@ -160,29 +147,26 @@ TEST(ConfigurationDocument, IsNamedByItsPath) {
 }
 
 TEST_F(Files, ManifestReadsAsNoVersionUnlessItIsWhole) {
-    const auto read = [&](const std::string& text) {
-        write_file(folder / "Cache.xml", text);
-        return read_cache_version(folder / "Cache.xml");
-    };
-    EXPECT_EQ(read_cache_version(folder / "none.xml"), "0.00");
     const std::string whole = "<Cache><SoVersion>1.05</SoVersion></Cache>";
-    EXPECT_EQ(read(whole), "1.05");
-    EXPECT_EQ(read("<?xml version=\"1.0\"?>\n" + whole + "\n"), "1.05");
-    testing::internal::CaptureStderr();
+    Names torn = {"<Zel><SoVersion>1.05</SoVersion></Zel>",
+                  "<Cache><Version>1.05</Version></Cache>", "<Cache><SoVersion/></Cache>"};
     for (std::size_t length = 0; length < whole.size(); ++length)
-        EXPECT_EQ(read(whole.substr(0, length)), "0.00") << length;
-    for (const char* other :
-         {"<Cache/>", "<Zel><SoVersion>1.05</SoVersion></Zel>",
-          "<Cache><Version>1.05</Version></Cache>", "<Cache><SoVersion/></Cache>"})
-        EXPECT_EQ(read(other), "0.00") << other;
-    EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("ad-agent: manifest "));
+        torn.insert(whole.substr(0, length));
+    testing::internal::CaptureStderr();
+    for (const std::string& text : torn) {
+        write_file(folder / "Cache.xml", text);
+        EXPECT_EQ(read_cache_version(folder / "Cache.xml"), "0.00") << text;
+    }
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), StartsWith("ad-agent: manifest "));
+    write_file(folder / "Cache.xml", "<?xml version=\"1.0\"?>\n" + whole + "\n");
+    EXPECT_EQ(read_cache_version(folder / "Cache.xml"), "1.05");
 }
 
 TEST_F(Files, ManifestIsReplacedWholeAndThroughNoLink) {
     write_file(folder / "victim", "precious");
     std::filesystem::create_symlink(folder / "victim", folder / "Cache.xml.part");
     std::filesystem::create_symlink(folder / "victim", folder / "Cache.xml");
-    for (const char* version : {"1.05", "1.06", "a<b>&\"c\"", "", "1234567890.1234567890123"}) {
+    for (const char* version : {"a<b>&\"c\"", "", "1234567890.1234567890123"}) {
         ASSERT_TRUE(write_cache_version(data, "Cache.xml", version, error)) << error;
         EXPECT_EQ(read_cache_version(folder / "Cache.xml"), *version ? version : "0.00");
         EXPECT_EQ(names_in(folder / ""), (Names{"Cache.xml", "victim"}));

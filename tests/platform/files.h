@@ -1,6 +1,4 @@
-/**
- * Files as an editor leaves them, and the main loop that notices.
- */
+/** Files as an editor leaves them, and the main loop that notices. */
 #pragma once
 
 #include <cstdlib>
@@ -18,24 +16,20 @@ namespace simulated_platform_tests {
 class TemporaryFolder {
 public:
     TemporaryFolder() {
-        std::string name = testing::TempDir() + "/platform-XXXXXX";
-        if (!mkdtemp(name.data())) ADD_FAILURE() << "mkdtemp " << name;
-        path_ = name;
+        if (!mkdtemp(path_.data())) std::abort();
     }
     ~TemporaryFolder() { std::filesystem::remove_all(path_); }
     TemporaryFolder(const TemporaryFolder&) = delete;
     TemporaryFolder& operator=(const TemporaryFolder&) = delete;
 
-    std::string file(const std::string& name) const { return path_ / name; }
+    std::string file(const std::string& name) const { return path_ + "/" + name; }
 
 private:
-    std::filesystem::path path_;
+    std::string path_ = testing::TempDir() + "/platform-XXXXXX";
 };
 
 inline void write_in_place(const std::string& path, const std::string& text) {
-    std::ofstream file(path, std::ios::trunc);
-    file << text << std::flush;
-    ASSERT_TRUE(file.good()) << path;
+    std::ofstream(path, std::ios::trunc) << text;
 }
 
 inline void rename_over(const std::string& path, const std::string& text) {

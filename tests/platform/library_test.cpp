@@ -23,22 +23,14 @@ using testing::EndsWith;
 
 namespace {
 
-/** What keeps this process from a device of its own; empty when it has one. */
-std::string enter_device() {
-    if (unshare(CLONE_NEWNS) != 0) return std::string("unshare: ") + strerror(errno);
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-        return std::string("mount of / as private: ") + strerror(errno);
-    if (mount("tmpfs", "/opt", "tmpfs", 0, nullptr) != 0)
-        return std::string("mount of /opt: ") + strerror(errno);
-    std::filesystem::create_directory("/opt/platform");
-    return {};
-}
-
 class LibraryTest : public testing::Test {
 protected:
     void SetUp() override {
-        static const std::string missing = enter_device();
-        if (!missing.empty()) GTEST_SKIP() << "no private /opt here: " << missing;
+        if (unshare(CLONE_NEWNS) != 0 ||
+            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("tmpfs", "/opt", "tmpfs", 0, nullptr) != 0)
+            GTEST_SKIP() << "no private /opt here: " << strerror(errno);
+        std::filesystem::create_directory("/opt/platform");
         edit("");
     }
 
@@ -83,10 +75,6 @@ TEST_F(LibraryTest, EachCallAnswersAndCanBeMadeToFail) {
         std::function<int()> call;
         int answer;
     };
-    const auto start_walk = [&] {
-        return connection_get_profile_iterator(connection, CONNECTION_ITERATOR_TYPE_REGISTERED,
-                                               &walk);
-    };
     // Having a next one has no status to give: that it is made to fail shows as an end.
     const auto step = [&] {
         const bool has_next = connection_profile_iterator_has_next(walk);
@@ -102,37 +90,36 @@ TEST_F(LibraryTest, EachCallAnswersAndCanBeMadeToFail) {
         return status;
     };
     const auto ignore = [](auto, auto) {};
+#define CALL(function, ...) #function, [&] { return function(__VA_ARGS__); }
+#define ASK(function, handle) #function, ask(function, handle)
     // In an order in which each finds what it needs.
     const std::vector<Case> cases{
-        {"connection_create", [&] { return connection_create(&other); }, 0},
-        {"connection_destroy", [&] { return connection_destroy(other); }, 0},
-        {"connection_get_type", ask(connection_get_type, connection), 3},
-        {"connection_get_wifi_state", ask(connection_get_wifi_state, connection), 1},
-        {"connection_get_cellular_state", ask(connection_get_cellular_state, connection), 4},
-        {"connection_get_ethernet_state", ask(connection_get_ethernet_state, connection), 2},
-        {"connection_get_bt_state", ask(connection_get_bt_state, connection), 3},
-        {"connection_set_type_changed_cb",
-         [&] { return connection_set_type_changed_cb(connection, ignore, nullptr); }, 0},
-        {"connection_get_profile_iterator", start_walk, 0},
+        {CALL(connection_create, &other), 0},
+        {CALL(connection_destroy, other), 0},
+        {ASK(connection_get_type, connection), 3},
+        {ASK(connection_get_wifi_state, connection), 1},
+        {ASK(connection_get_cellular_state, connection), 4},
+        {ASK(connection_get_ethernet_state, connection), 2},
+        {ASK(connection_get_bt_state, connection), 3},
+        {CALL(connection_set_type_changed_cb, connection, ignore, nullptr), 0},
+        {CALL(connection_get_profile_iterator, connection, CONNECTION_ITERATOR_TYPE_REGISTERED,
+              &walk),
+         0},
         {"connection_profile_iterator_next", step, 0},
-        {"connection_profile_get_type", ask(connection_profile_get_type, profile), 2},
-        {"connection_profile_set_state_changed_cb",
-         [&] { return connection_profile_set_state_changed_cb(profile, ignore, nullptr); }, 0},
-        {"connection_profile_unset_state_changed_cb",
-         [&] { return connection_profile_unset_state_changed_cb(profile); }, 0},
+        {ASK(connection_profile_get_type, profile), 2},
+        {CALL(connection_profile_set_state_changed_cb, profile, ignore, nullptr), 0},
+        {CALL(connection_profile_unset_state_changed_cb, profile), 0},
         {"system_info_get_value_string", firmware, 0},
-        {"vconf_notify_key_changed",
-         [&] { return vconf_notify_key_changed("key", ignore, nullptr); }, 0},
-        {"vconf_get_int", ask(vconf_get_int, consent), 6},
-        {"__dlog_print", [] { return __dlog_print(PLATFORM_LOG_MAIN, 7, "TAG", "%s", "kept"); },
-         36},
+        {CALL(vconf_notify_key_changed, "key", ignore, nullptr), 0},
+        {ASK(vconf_get_int, consent), 6},
+        {CALL(__dlog_print, PLATFORM_LOG_MAIN, 7, "TAG", "%s", "kept"), 36},
     };
     const auto expect_answers = [&cases] {
         for (const Case& one : cases) EXPECT_EQ(one.call(), one.answer) << one.name;
     };
     expect_answers();
     // A walk that has not ended, for the end to be a forced one.
-    start_walk();
+    connection_get_profile_iterator(connection, CONNECTION_ITERATOR_TYPE_REGISTERED, &walk);
     std::string results = "[results]\nconnection_profile_iterator_has_next=1\n";
     int forced = -70;
     for (const Case& one : cases)
@@ -149,9 +136,8 @@ TEST_F(LibraryTest, EachCallAnswersAndCanBeMadeToFail) {
     EXPECT_NE(system_info_get_value_string(1, &text), 0);
     EXPECT_EQ(text, nullptr);
     EXPECT_EQ(connection_destroy(connection), 0);
-}
 
-TEST_F(LibraryTest, HandsAKeyNodeToTheCallback) {
+    // A callback is handed the key's node.
     std::string seen;
     int value = 9;
     EXPECT_NE(vconf_get_int("tune/new", &value), 0);
