@@ -30,24 +30,19 @@ TEST_F(Library, StartGoesByTheLoadersErrorAndKeepsTheHandle) {
 
 TEST_F(Library, ResolvesEachEntryPointByItsName) {
     const std::pair<void* (CADLibs::*)(), std::string> rows[] = {
-        {&CADLibs::GetAdAgentInit, "GetAdAgentInit ad_agent_init"},
-        {&CADLibs::GetAdAgentClear, "GetAdAgentClear ad_agent_clear"},
-        {&CADLibs::GetAdAgentRegister, "GetAdAgentRegister ad_agent_register"},
-        {&CADLibs::GetAdAgentUnRegister, "GetAdAgentUnRegister ad_agent_unregister"},
-        {&CADLibs::GetAdAgentRequestSync, "GetAdAgentRequestSync ad_agent_request_sync"},
-        {&CADLibs::GetAdAgentReport, "GetAdAgentReport ad_agent_report"},
-        {&CADLibs::GetAdAgentLaunch, "GetAdAgentLaunch ad_agent_launch"},
-        {&CADLibs::GetAdAgentUpdate, "GetAdAgentUpdate ad_agent_update"},
-        {&CADLibs::GetAdAgentSetSoVersion, "GetAdAgentSetSoVersion ad_agent_set_soversion"},
-        {&CADLibs::GetAdAgentGetSoVersion, "GetAdAgentGetSoVersion ad_agent_get_soversion"},
-        {&CADLibs::GetAdAgentPsidGet, "GetAdAgentPsidGet ad_agent_psid_get"},
-        {&CADLibs::GetAdAgentConfigServer, "GetAdAgentConfigServer ad_agent_config_server"},
-    };
+        {&CADLibs::GetAdAgentInit, "Init ad_agent_init"},
+        {&CADLibs::GetAdAgentClear, "Clear ad_agent_clear"},
+        {&CADLibs::GetAdAgentRegister, "Register ad_agent_register"},
+        {&CADLibs::GetAdAgentUnRegister, "UnRegister ad_agent_unregister"},
+        {&CADLibs::GetAdAgentRequestSync, "RequestSync ad_agent_request_sync"},
+        {&CADLibs::GetAdAgentReport, "Report ad_agent_report"},
+        {&CADLibs::GetAdAgentLaunch, "Launch ad_agent_launch"},
+        {&CADLibs::GetAdAgentPsidGet, "PsidGet ad_agent_psid_get"}};
     CADLibs libs;
     libs.Start("/lib/a.so");
     transcript();
     for (const auto& [getter, names] : rows) {
-        EXPECT_RUN((libs.*getter)() != nullptr, true, "resolved " + names);
+        EXPECT_RUN((libs.*getter)() != nullptr, true, "resolved GetAdAgent" + names);
     }
     // Its line has its neighbour's name.
     EXPECT_RUN(libs.GetAdAgentRequest() != nullptr, true, R"(
@@ -105,42 +100,33 @@ TEST_F(LibraryChoice, TheFirmwareVersionIsWrittenWithoutAnythingAround) {
 }
 
 TEST_F(LibraryChoice, ReadsOneTextFromAManifest) {
-    device.let("@", "m_GetXmlValue");
-    device.let("entry", "N [CADAgentd] m_GetXmlValue, file /opt/m.xml, first key");
-    device.let("read",
-               "{entry} Cache, secodn key SoVersion | exists /opt/m.xml | open /opt/m.xml rb");
     const auto value = [this] { return daemon_.m_GetXmlValue("/opt/m.xml", "Cache", "SoVersion"); };
     for (const char* content :
          {"<Zel><SoVersion>1.05</SoVersion></Zel>", "<Cache><Version>1.05</Version></Cache>",
           "<Cache><a><SoVersion>1.05</SoVersion></a></Cache>", "<Cache><SoVersion/></Cache>",
           "not a manifest"}) {
         device.put("/opt/m.xml", content);
-        EXPECT_RUN(value(), "", "{read}");
+        EXPECT_RUN(value(), "", "xml_empty /opt/m.xml Cache SoVersion");
     }
     device.put("/opt/m.xml",
                "<?xml version=\"1.0\"?>\n<!-- c -->\n<Cache>\n <V>1</V>"
                "<SoVersion>2</SoVersion><SoVersion>3</SoVersion></Cache>");
-    EXPECT_RUN(value(), "2", "{read} | N [CADAgentd] m_GetXmlValue so version = 2");
-    EXPECT_RUN(daemon_.m_GetXmlValue("/opt/m.xml", "", "b"), "",
+    EXPECT_RUN(value(), "2", "xml_read /opt/m.xml Cache SoVersion 2");
+    device.let("@", "m_GetXmlValue").let("entry", "N [CADAgentd] m_GetXmlValue, file a, first key");
+    EXPECT_RUN(daemon_.m_GetXmlValue("a", "", "b"), "",
                "{entry} , secodn key b | E [CADAgentd]input sKey is empty.");
-    EXPECT_RUN(daemon_.m_GetXmlValue("/opt/m.xml", "a", ""), "",
-               R"({entry} a, secodn key\s | E [CADAgentd]input sKey is empty.)");
+    EXPECT_RUN(daemon_.m_GetXmlValue("a", "b", ""), "",
+               R"({entry} b, secodn key\s | E [CADAgentd]input sKey is empty.)");
 }
 
-/** Puts a manifest in its place, or none for no version, and gives the steps of reading it. */
+/** Puts a manifest in its place, or none for no version, and gives the step of reading it. */
 std::string manifest(const std::string& file, const std::string& root, const std::string& child,
                      const std::string& version) {
-    const std::string entry = "| @m_GetXmlValue | N [CADAgentd] m_GetXmlValue, file " + file +
-                              ", first key " + root + ", secodn key " + child + "|";
-    const std::string tag = child + ">";
+    const std::string names = file + " " + root + " " + child + " ", tag = child + ">";
     device.remove(file);
-    if (version.empty()) {
-        return entry + "missing " + file + "| E [CADAgentd]zelADAgent Xml file " + file +
-               " not existed.";
-    }
+    if (version.empty()) return "xml_missing " + names;
     device.put(file, "<" + root + "><" + tag + version + "</" + tag + "</" + root + ">");
-    return entry + "exists " + file + "| open " + file +
-           " rb | N [CADAgentd] m_GetXmlValue so version = " + version;
+    return "xml_read " + names + version;
 }
 
 TEST_F(LibraryChoice, FallsBackOnlyWhenTheNumberIsLower) {
@@ -173,10 +159,9 @@ TEST_F(LibraryChoice, FallsBackOnlyWhenTheNumberIsLower) {
     for (const Row& row : rows) {
         const bool stays = row.fallback.empty();
         device.put("{opt_agent}").let("fallback", row.fallback);
-        const std::string read =
-            "exists {opt_agent}" +
-            manifest(expand("{firmware_xml}"), "Zel", "Version", row.firmware) +
-            manifest(expand("{cache_xml}"), "Cache", "SoVersion", row.cache);
+        const std::string read = "exists {opt_agent} |" +
+                                 manifest("{firmware_xml}", "Zel", "Version", row.firmware) + "|" +
+                                 manifest("{cache_xml}", "Cache", "SoVersion", row.cache);
         EXPECT_RUN(choice(), stays ? copy : firmware, stays ? read : read + R"( | @m_GetValidSoFile
             N [CADAgentd] lib so version smaller than zelADAgent version, lib so ver is {fallback}
             exists {opt_lib} | removed remove_usr_lib_path

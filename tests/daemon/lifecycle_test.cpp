@@ -44,12 +44,7 @@ TEST_F(Lifecycle, AWholeDayIsWrittenLineByLine) {
         @m_CheckFirmVersion | N m_CheckFirmVersion | system_info_get_value_string 1104
         N Current Firmware Version= T-1200.3 | open {version_file} r
         N File Firmware Version= T-1200.3 | N Firmware version is same | exists {opt_agent}
-        @m_GetXmlValue
-        N [CADAgentd] m_GetXmlValue, file {firmware_xml}, first key Zel, secodn key Version
-        exists {firmware_xml} | open {firmware_xml} rb
-        N [CADAgentd] m_GetXmlValue so version = 1.00
-        N [CADAgentd] m_GetXmlValue, file {cache_xml}, first key Cache, secodn key SoVersion
-        exists {cache_xml} | open {cache_xml} rb | N [CADAgentd] m_GetXmlValue so version = 1.05
+        xml_read {firmware_xml} Zel Version 1.00 | xml_read {cache_xml} Cache SoVersion 1.05
         @t_Initialize | N t_Initialize so file is {opt_agent} | @ADLibs.CADLibs | N Construct
         exists {opt_agent} | opened {opt_agent} | @t_Initialize | N Successfully get so
         resolved GetAdAgentInit ad_agent_init | ad_agent_init called | connection_create called

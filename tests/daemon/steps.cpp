@@ -76,6 +76,13 @@ const std::map<std::string, std::string> STEPS = {
     {"unopened", "got %1 | @ADLibs.m_GetHanlder | E [CADLibs] m_GetHanlder, m_sDlHandle is NULL"},
     {"closed", "@ADLibs.Destory | N [CADLibs] Destory | N [CADLibs] begine to dlclose. | dlclose"},
     {"taken", "connection_profile_iterator_next iterator | connection_profile_get_type profile %1"},
+    {"xml_asked", R"(@m_GetXmlValue
+        N [CADAgentd] m_GetXmlValue, file %1, first key %2, secodn key %3)"},
+    {"xml_missing", R"(xml_asked %1 %2 %3 | missing %1
+        @m_GetXmlValue | E [CADAgentd]zelADAgent Xml file %1 not existed.)"},
+    {"xml_empty", "xml_asked %1 %2 %3 | exists %1 | open %1 rb"},
+    {"xml_read", R"(xml_empty %1 %2 %3
+        @m_GetXmlValue | N [CADAgentd] m_GetXmlValue so version = %4)"},
     {"config_resolved", "resolved GetAdAgentConfigServer ad_agent_config_server"},
     {"config_unresolved", R"(unresolved GetAdAgentConfigServer ad_agent_config_server
         E [CADAgentd] fnAgentConfigServer is NULL.)"},
