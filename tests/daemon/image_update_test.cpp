@@ -131,14 +131,5 @@ TEST_F(ImageUpdate, TheLibraryIsReplacedUnlessTheTextsAreTheSame) {
         N [CADAgentd] ad_mounter_create {mount_point} failed.)");
 }
 
-TEST_F(ImageUpdate, OnlyWhatWasDownloadedIsInstalled) {
-    EXPECT_RUN(daemon_.m_Update(), true, R"(@m_Update | N [CADAgentd] m_Update | usleep 10000000
-        N [CADAgentd] m_DownloadImg begin | @m_DownloadImg | N [CADAgentd] m_DownloadImg begin
-        ... | N [CADAgentd] m_DownloadImg end)");
-    device.update_result = -1;
-    EXPECT_RUN(daemon_.m_Update(), true,
-               "... | @m_ReplaceLibSo | N [CADAgentd] m_ReplaceLibSo end");
-}
-
 }  // namespace
 }  // namespace daemon_tests

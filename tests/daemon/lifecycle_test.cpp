@@ -26,13 +26,11 @@ TEST_F(Lifecycle, AWholeDayIsWrittenLineByLine) {
     device.put("{version_file}", "T-1200.3").put("{opt_agent}").put("{stored}");
     device.put("{firmware_xml}", "<Zel><Version>1.00</Version></Zel>");
     device.put("{cache_xml}", "<Cache><SoVersion>1.05</SoVersion></Cache>");
-    device.put("{mount_point}/").put("/opt/down/zels/zelADAgent/").update_result = 1;
+    device.put("{mount_point}/").put("/opt/down/zels/zelADAgent/").update_result = -1;
     device.in_loop = [] {
         ASSERT_NE(gpadagentd, nullptr);
         keynode_t node = {expand("{language}"), 40, 0};
-        const auto& [callback, daemon] = device.watches[node.name];
-        ASSERT_NE(callback, nullptr);
-        callback(&node, daemon);
+        CADAgentd::m_VConfLanguageChangeCB(&node, gpadagentd);
         sig_quit(15);
     };
     EXPECT_RUN(__real_main(), 0,
@@ -159,7 +157,8 @@ TEST_F(Gate, NeedsTheNetworkAndConsent) {
         created create_file_apps_zeladagent_xml
         missing /opt/down/zels/zelADAgent | created create_path_zeladagent
         missing {store} | created create_path_zeladagent_img
-        @m_RequestData | N [CADAgentd] m_RequestData | ... | @Start | N [CADAgentd] Start end)");
+        @m_RequestData | N [CADAgentd] m_RequestData | ...
+        @m_DownloadImg | N [CADAgentd] m_DownloadImg end | @Start | N [CADAgentd] Start end)");
     EXPECT_RUN(daemon_.Start(), true,
                R"({entry} | N Already done. Do not launch "Start" function)");
 }

@@ -176,21 +176,16 @@ int __dlog_print(int log_id, int priority, const char* tag, const char* format, 
     return -1;
 }
 
-int __wrap_printf(const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    const int result = take_output(format, arguments);
-    va_end(arguments);
-    return result;
-}
-
-int __wrap___printf_chk(int, const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    const int result = take_output(format, arguments);
-    va_end(arguments);
-    return result;
-}
+#define OUTPUT_CALL(function, ...)                         \
+    int function(__VA_ARGS__ const char* format, ...) {    \
+        va_list arguments;                                 \
+        va_start(arguments, format);                       \
+        const int result = take_output(format, arguments); \
+        va_end(arguments);                                 \
+        return result;                                     \
+    }
+OUTPUT_CALL(__wrap_printf, )
+OUTPUT_CALL(__wrap___printf_chk, int, )
 
 long __wrap_syscall(long, ...) { return next_thread_id++; }
 
@@ -227,8 +222,6 @@ sighandler_t __wrap_signal(int number, sighandler_t handler) {
     return SIG_DFL;
 }
 
-void __wrap_g_type_init() { record("g_type_init"); }
-
 GMainLoop* __wrap_g_main_loop_new(GMainContext* context, gboolean is_running) {
     record(std::string("g_main_loop_new") + (context ? "" : " default") +
            (is_running ? " running" : ""));
@@ -240,9 +233,11 @@ void __wrap_g_main_loop_run(GMainLoop*) {
     device.in_loop();
 }
 
-void __wrap_g_main_loop_quit(GMainLoop*) { record("g_main_loop_quit"); }
-
-void __wrap_g_main_loop_unref(GMainLoop*) { record("g_main_loop_unref"); }
+#define RECORDED(function, ...) \
+    void __wrap_##function(__VA_ARGS__) { record(#function); }
+RECORDED(g_type_init)
+RECORDED(g_main_loop_quit, GMainLoop*)
+RECORDED(g_main_loop_unref, GMainLoop*)
 
 void* __real__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t& tag);
 void* __wrap__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t& tag) {

@@ -58,10 +58,8 @@ struct Device {
     /** Called at the end of each command, in each sleep, and as the main loop. */
     std::function<void()> on_command, on_sleep, in_loop;
 
-    // What the daemon has registered.
-    std::map<std::string, std::pair<vconf_callback_fn, void*>> watches;
-    std::pair<connection_profile_state_changed_cb, void*> profile_watch;
-    std::pair<connection_type_changed_cb, void*> type_watch;
+    /** The callbacks that the daemon has registered, by settings key or function. */
+    std::map<std::string, std::pair<void*, void*>> watches;
 
     Device& let(const std::string& name, const std::string& meaning);
     /** Makes a file and the directories above it, or with "/" at the end a directory. */

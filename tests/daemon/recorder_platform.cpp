@@ -91,7 +91,7 @@ int __wrap_dlclose(void* library) {
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
 int vconf_notify_key_changed(const char* key, vconf_callback_fn callback, void* user_data) {
-    device.watches[key] = {callback, user_data};
+    device.watches[key] = {reinterpret_cast<void*>(callback), user_data};
     return call(__func__, key);
 }
 
@@ -101,9 +101,17 @@ int vconf_keynode_get_type(keynode_t* node) { return node->type; }
 
 int vconf_keynode_get_int(keynode_t* node) { return node->value; }
 
-int vconf_get_int(const char* key, int* value) {
-    return give(__func__, key, value, device.consent);
-}
+/** A query, whose place is written only when it succeeds. */
+#define QUERY(function, Subject, subject_name, Type, value)          \
+    int function(Subject subject, Type* place) {                     \
+        return give(#function, subject_name(subject), place, value); \
+    }
+QUERY(vconf_get_int, const char*, std::string, int, device.consent)
+QUERY(connection_get_type, connection_h, name, connection_type_e, device.connection_type)
+QUERY(connection_profile_iterator_next, connection_profile_iterator_h, name, connection_profile_h,
+      reinterpret_cast<void*>(FIRST_PROFILE + profiles_taken++))
+QUERY(connection_profile_get_type, connection_profile_h, name, connection_profile_type_e,
+      device.profiles.at(profiles_taken - 1))
 
 int system_info_get_value_string(int key, char** value) {
     const int result = call(__func__, std::to_string(key));
@@ -115,11 +123,10 @@ int connection_create(connection_h* connection) {
     return give(__func__, "called", connection, CONNECTION);
 }
 
-int connection_destroy(connection_h connection) { return call(__func__, name(connection)); }
-
-int connection_get_type(connection_h connection, connection_type_e* type) {
-    return give(__func__, name(connection), type, device.connection_type);
-}
+#define HANDLE_CALL(function) \
+    int function(void* handle) { return call(#function, name(handle)); }
+HANDLE_CALL(connection_destroy)
+HANDLE_CALL(connection_profile_unset_state_changed_cb)
 
 // A failing query may have written something; the daemon must not trust it.
 #define STATE_QUERY(kind)                                                           \
@@ -135,7 +142,7 @@ STATE_QUERY(bt)
 
 int connection_set_type_changed_cb(connection_h connection, connection_type_changed_cb callback,
                                    void* user_data) {
-    device.type_watch = {callback, user_data};
+    device.watches[__func__] = {reinterpret_cast<void*>(callback), user_data};
     return call(__func__, name(connection));
 }
 
@@ -151,25 +158,10 @@ bool connection_profile_iterator_has_next(connection_profile_iterator_h) {
     return profiles_taken < device.profiles.size();
 }
 
-int connection_profile_iterator_next(connection_profile_iterator_h iterator,
-                                     connection_profile_h* profile) {
-    const int result = call(__func__, name(iterator));
-    if (result == 0) *profile = reinterpret_cast<void*>(FIRST_PROFILE + profiles_taken++);
-    return result;
-}
-
-int connection_profile_get_type(connection_profile_h profile, connection_profile_type_e* type) {
-    return give(__func__, name(profile), type, device.profiles.at(profiles_taken - 1));
-}
-
 int connection_profile_set_state_changed_cb(connection_profile_h profile,
                                             connection_profile_state_changed_cb callback,
                                             void* user_data) {
-    device.profile_watch = {callback, user_data};
-    return call(__func__, name(profile));
-}
-
-int connection_profile_unset_state_changed_cb(connection_profile_h profile) {
+    device.watches[__func__] = {reinterpret_cast<void*>(callback), user_data};
     return call(__func__, name(profile));
 }
 }

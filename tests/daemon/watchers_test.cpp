@@ -49,15 +49,9 @@ TEST_F(NetworkWatch, TheNetworkIsUpInOneStateOfItsType) {
 }
 
 TEST_F(NetworkWatch, TheFirstProfileOfTheTypeIsChosenOrElseTheLast) {
-    struct Row {
-        int type;
-        std::string line;
-        std::vector<int> profiles;
-        int taken;
-        std::string shown;
-    };
+    using Row = std::tuple<int, std::string, std::vector<int>, int, std::string>;
     device.let("@", "m_GetConnectionProfile");
-    for (const Row& row :
+    for (const auto& [type, line, profiles, taken, shown] :
          {Row{1, "N connection type: WIFI", {0, 1, 1}, 2, "a11"},
           Row{2, R"(N connection type: CELLULAR\s)", {0, 1}, 1, "a10"},
           Row{3, "N connection type: ETHERNET", {1, 3, 2}, 3, "a12"},
@@ -67,15 +61,15 @@ TEST_F(NetworkWatch, TheFirstProfileOfTheTypeIsChosenOrElseTheLast) {
           Row{1, "N connection type: WIFI", {0, 2, 3}, 3, "a12"},
           Row{1, "N connection type: WIFI", {}, 0, "0"}}) {
         std::string walk;
-        for (int i = 0; i < row.taken; ++i) walk += "taken " + std::to_string(i) + "|";
-        connect(row.type, 2);
-        device.profiles = row.profiles;
+        for (int i = 0; i < taken; ++i) walk += "taken " + std::to_string(i) + "|";
+        connect(type, 2);
+        device.profiles = profiles;
         EXPECT_RUN(reinterpret_cast<uintptr_t>(daemon_.m_GetConnectionProfile()),
-                   row.taken == 0 ? 0U : 0x5500000a10U + row.taken - 1,
+                   taken == 0 ? 0U : 0x5500000a10U + taken - 1,
                    R"(N GetConnectionProfile enter!\s | connection_get_type connection
             E connection type: {type} | )" +
-                       row.line + "| connection_get_profile_iterator connection 0 |" + walk +
-                       "connection_destroy iterator | N profile = " + row.shown);
+                       line + "| connection_get_profile_iterator connection 0 |" + walk +
+                       "connection_destroy iterator | N profile = " + shown);
     }
 }
 
@@ -103,19 +97,15 @@ TEST_F(NetworkWatch, AConnectedProfileOrANewTypeStartsTheWorkAgain) {
     device.answers["connection_profile_set_state_changed_cb"] = {-5};
     EXPECT_RUN(daemon_.RegisterNetWorkStateChangeCB(), -5,
                "connection_profile_set_state_changed_cb profile 0");
-    const auto& [state_changed, profile_user] = device.profile_watch;
-    const auto& [type_changed, type_user] = device.type_watch;
-    EXPECT_TRUE(profile_user == &daemon_ && type_user == &daemon_);
     device.let("start", R"(@Start | N [CADAgentd] Start
         N Already done. Do not launch "Start" function)");
     daemon_.m_bStartDone = true;
-    const auto change_state = [&, changed = state_changed](int state, void* user) {
-        changed(connection_profile_state_e(state), user);
+    const auto change_state = [](int state, void* user) {
+        CADAgentd::m_NetworkStateChangeCB(connection_profile_state_e(state), user);
     };
-    const auto change_type = [&, changed = type_changed](int type, void* user) {
-        changed(connection_type_e(type), user);
+    const auto change_type = [](int type, void* user) {
+        CADAgentd::m_NetWorkTypeChangeCB(connection_type_e(type), user);
     };
-
     device.let("@", "m_NetworkStateChangeCB");
     EXPECT_STEPS(change_state(3, nullptr), "E pUserData is NULL");
     EXPECT_STEPS(change_state(0, &daemon_), "N Current Network State is 0");
