@@ -4,12 +4,12 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
 #include <new>
-#include <regex>
 #include <sstream>
 
 #include <dlfcn.h>
@@ -44,19 +44,25 @@ std::string formatted(const char* format, va_list arguments) {
 }
 
 void take_platform_line(int priority, const std::string& text) {
-    static const std::regex form(
-        R"(^(\w+)\.cpp: (~?\w+)\((\d+)\) > (\x1b\[(0|31)m) \[\2:\3\] \[Thread Id:\[(\d+)\]\] )");
-    std::smatch parts;
-    ASSERT_TRUE(regex_search(text, parts, form)) << text;
-    const bool error = parts[5] == "31";
-    EXPECT_EQ(priority, error ? 16 : 2);
-    EXPECT_EQ(parts[6], std::to_string(next_thread_id - 1));
+    char file[100];
+    char function[100];
+    int line = 0;
+    ASSERT_EQ(sscanf(text.c_str(), "%99[^./].cpp: %99[^(](%d)", file, function, &line), 3) << text;
+    const bool error = priority == 16;
+    EXPECT_TRUE(error || priority == 2) << priority;
+    const std::string colour = error ? "\x1b[31m" : "\x1b[0m";
+    const std::string number = std::to_string(line);
+    const std::string place = std::string(function) + "(" + number + ")";
+    const std::string prefix = std::string(file) + ".cpp: " + place + " > " + colour + " [" +
+                               function + ":" + number + "] [Thread Id:[" +
+                               std::to_string(next_thread_id - 1) + "]] ";
+    ASSERT_EQ(text.substr(0, prefix.size()), prefix);
 
-    const std::string file = parts[1] == "CADAgentd" ? "" : parts.str(1) + ".";
-    const std::string message = parts.suffix();
-    record(file + parts.str(2) + (error ? " E " : " N ") + message);
-    expected_output = parts.str(4) + " [(Thread Id:" + std::to_string(next_thread_id) +
-                      "): " + parts.str(2) + "(" + parts.str(3) + ")] " + message + "\n";
+    const std::string message = text.substr(prefix.size());
+    const std::string unit = strcmp(file, "CADAgentd") == 0 ? "" : std::string(file) + ".";
+    record(unit + function + (error ? " E " : " N ") + message);
+    expected_output = colour + " [(Thread Id:" + std::to_string(next_thread_id) + "): " + place +
+                      "] " + message + "\n";
 }
 
 /** Takes a statement's line on standard output; prints a text that is not one's. */
