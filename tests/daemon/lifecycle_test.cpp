@@ -28,7 +28,6 @@ TEST_F(Lifecycle, AWholeDayIsWrittenLineByLine) {
     device.put("{cache_xml}", "<Cache><SoVersion>1.05</SoVersion></Cache>");
     device.put("{mount_point}/").put("/opt/down/zels/zelADAgent/").update_result = -1;
     device.in_loop = [] {
-        ASSERT_NE(gpadagentd, nullptr);
         keynode_t node = {expand("{language}"), 40, 0};
         CADAgentd::m_VConfLanguageChangeCB(&node, gpadagentd);
         sig_quit(15);
@@ -161,6 +160,7 @@ TEST_F(Gate, NeedsTheNetworkAndConsent) {
         @m_DownloadImg | N [CADAgentd] m_DownloadImg end | @Start | N [CADAgentd] Start end)");
     EXPECT_RUN(daemon_.Start(), true,
                R"({entry} | N Already done. Do not launch "Start" function)");
+    EXPECT_TRUE(daemon_.m_CheckZelPath());
 }
 
 }  // namespace

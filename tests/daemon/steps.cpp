@@ -151,10 +151,10 @@ std::string expand(const std::string& text) {
 }
 
 void follow_steps(const std::string& steps) {
-    const std::string written = transcript();
-    const std::string wanted = script(steps, device.names["@"] + " ");
+    const std::string written = "\n" + transcript();
+    const std::string wanted = "\n" + script(steps, device.names["@"] + " ");
     std::string pattern = wanted;
-    replace_all(pattern, "...\n", "*");
+    replace_all(pattern, "\n...\n", "\n*");
     const bool followed = g_pattern_match_simple(pattern.c_str(), written.c_str()) != FALSE;
     EXPECT_EQ(followed ? wanted : written, wanted);
 }
