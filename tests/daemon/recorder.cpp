@@ -135,6 +135,7 @@ Device& Device::fail(const std::string& text, int times) {
 
 void record(const std::string& line) {
     EXPECT_EQ(std::exchange(expected_output, ""), "") << "is not written";
+    lines += "- ";
     for (const char c : line) lines += c == '\n' ? "\\n" : std::string(1, c);
     if (line.back() == ' ') lines.replace(lines.size() - 1, 1, "\\s");
     lines += "\n";

@@ -6,8 +6,7 @@
  *
  * A log statement's line is the function that it came from, with the file's
  * name in front ("ADUtils.ad_mount") unless that is CADAgentd.cpp, then "N" or
- * "E", and the message, in which a line break shows as \n and a blank at the end as
- * \s.
+ * "E", and the message. A line break shows as \n, a blank at the end as \s.
  */
 #ifndef RECORDER_H
 #define RECORDER_H
@@ -78,7 +77,7 @@ void record(const std::string& line);
 /** Records a call of a platform function and gives its next answer. */
 int call(const std::string& function, const std::string& arguments = "called");
 
-/** The lines so far, each ended; begins anew afterwards. */
+/** The lines so far, each between "- " and a line break; begins anew afterwards. */
 std::string transcript();
 
 /** Puts in what names stand for. */

@@ -108,7 +108,8 @@ void replace_all(std::string& text, const std::string& from, const std::string& 
     }
 }
 
-/** The lines that the steps stand for, each ended; log lines come from the function. */
+/** The lines that the steps stand for, as a transcript has them; log lines come from the function.
+ */
 std::string script(const std::string& steps, std::string function) {
     std::string separated = expand(steps);
     replace_all(separated, "|", "\n");
@@ -133,7 +134,7 @@ std::string script(const std::string& steps, std::string function) {
         } else if (word[0] == '@') {
             function = word.substr(1) + " ";
         } else {
-            lines += (word == "N" || word == "E" ? function : "") + step + "\n";
+            lines += "- " + (word == "N" || word == "E" ? function : std::string()) + step + "\n";
         }
     }
     return lines;
@@ -151,10 +152,10 @@ std::string expand(const std::string& text) {
 }
 
 void follow_steps(const std::string& steps) {
-    const std::string written = "\n" + transcript();
-    const std::string wanted = "\n" + script(steps, device.names["@"] + " ");
+    const std::string written = transcript();
+    const std::string wanted = script(steps, device.names["@"] + " ");
     std::string pattern = wanted;
-    replace_all(pattern, "\n...\n", "\n*");
+    replace_all(pattern, "- ...\n", "*");
     const bool followed = g_pattern_match_simple(pattern.c_str(), written.c_str()) != FALSE;
     EXPECT_EQ(followed ? wanted : written, wanted);
 }
