@@ -160,7 +160,8 @@ TEST_F(Gate, NeedsTheNetworkAndConsent) {
         @m_DownloadImg | N [CADAgentd] m_DownloadImg end | @Start | N [CADAgentd] Start end)");
     EXPECT_RUN(daemon_.Start(), true,
                R"({entry} | N Already done. Do not launch "Start" function)");
-    EXPECT_TRUE(daemon_.m_CheckZelPath());
+    device.on_sleep = nullptr;
+    EXPECT_TRUE(daemon_.m_CheckZelPath() && daemon_.m_Update());
 }
 
 }  // namespace
