@@ -4,17 +4,16 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
 #include <new>
 #include <sstream>
-#include <utility>
 
 #include <dlfcn.h>
 #include <glib.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 // The formats are the daemon's.
@@ -25,9 +24,6 @@ void sig_quit(int signal_number);
 namespace daemon_tests {
 
 Device device;
-std::string platform_text;
-std::string output_text;
-std::map<std::string, std::set<std::string>> origins;
 
 namespace {
 
@@ -37,10 +33,7 @@ std::string lines;
 /** What the next question for the thread id gets; too big for an int, and new each time. */
 long next_thread_id = 0;
 long files_before = 0;
-
-/** The statement that has reached the platform log, and what standard output is to get. */
-bool output_pending = false;
-std::string expected_format;
+/** What standard output is to get for the statement that has reached the platform log. */
 std::string expected_output;
 
 std::string formatted(const char* format, va_list arguments) {
@@ -50,36 +43,32 @@ std::string formatted(const char* format, va_list arguments) {
     return text;
 }
 
-/** Takes the arguments that come before the message's own, and then the message. */
-void take_platform_line(bool error, const std::string& format, va_list arguments) {
+void take_platform_line(int priority, const std::string& text) {
+    char file[100];
+    char function[100];
+    int line = 0;
+    ASSERT_EQ(sscanf(text.c_str(), "%99[^./].cpp: %99[^(](%d)", file, function, &line), 3) << text;
+    const bool error = priority == 16;
+    EXPECT_TRUE(error || priority == 2) << priority;
     const std::string colour = error ? "\x1b[31m" : "\x1b[0m";
-    const std::string prefix = "%s: %s(%d) > " + colour + " [%s:%d] [Thread Id:[%ld]] ";
-    ASSERT_EQ(format.substr(0, prefix.size()), prefix);
+    const std::string number = std::to_string(line);
+    const std::string place = std::string(function) + "(" + number + ")";
+    const std::string prefix = std::string(file) + ".cpp: " + place + " > " + colour + " [" +
+                               function + ":" + number + "] [Thread Id:[" +
+                               std::to_string(next_thread_id - 1) + "]] ";
+    ASSERT_EQ(text.substr(0, prefix.size()), prefix);
 
-    const std::string file = va_arg(arguments, const char*);
-    const std::string function = va_arg(arguments, const char*);
-    const int line = va_arg(arguments, int);
-    EXPECT_EQ(va_arg(arguments, const char*), function);
-    EXPECT_EQ(va_arg(arguments, int), line);
-    EXPECT_EQ(va_arg(arguments, long), next_thread_id - 1);
-
-    const std::string message_format = format.substr(prefix.size());
-    const std::string message = formatted(message_format.c_str(), arguments);
-    origins[file].insert(function);
-    record((error ? "E " : "N ") + message);
-    output_pending = true;
-    expected_format = colour + " [(Thread Id:%ld): %s(%d)] " + message_format + "\n";
-    expected_output = colour + " [(Thread Id:" + std::to_string(next_thread_id) + "): " + function +
-                      "(" + std::to_string(line) + ")] " + message + "\n";
+    const std::string message = text.substr(prefix.size());
+    const std::string unit = strcmp(file, "CADAgentd") == 0 ? "" : std::string(file) + ".";
+    record(unit + function + (error ? " E " : " N ") + message);
+    expected_output = colour + " [(Thread Id:" + std::to_string(next_thread_id) + "): " + place +
+                      "] " + message + "\n";
 }
 
 /** Takes a statement's line on standard output; prints a text that is not one's. */
 int take_output(const char* format, va_list arguments) {
-    if (!output_pending) return vprintf(format, arguments);
-    output_pending = false;
-    output_text = formatted(format, arguments);
-    EXPECT_EQ(format, expected_format);
-    EXPECT_EQ(output_text, expected_output);
+    if (expected_output.empty()) return vprintf(format, arguments);
+    EXPECT_EQ(formatted(format, arguments), std::exchange(expected_output, ""));
     return -1;
 }
 
@@ -90,19 +79,18 @@ void run_tool(const std::string& command) {
     words >> tool >> verb >> first >> second;
     if (verb == "--mount") {
         if (!device.image_manifest.empty()) device.put("{img_xml}", device.image_manifest);
-        device.put("{img_agent}", "new agent").put("{img_player}", "new player");
-        device.make_directory("{img_res}");
+        device.put("{img_agent}", "new agent").put("{img_player}", "new player").put("{img_res}/");
     } else if (verb == "--umount") {
-        device.remove("{mount_point}").make_directory("{mount_point}");
+        device.remove("{mount_point}").put("{mount_point}/");
     } else if (verb == "--replaceimg") {
-        device.image_manifest = device.downloaded_manifest;
+        device.image_manifest = "<Zel><Version>1.06</Version></Zel>";
     } else if (verb == "--copylib" && fs::exists(device.host_path(first))) {
         fs::copy_file(device.host_path(first), device.host_path(second),
                       fs::copy_options::overwrite_existing);
     } else if (first == "create_path_usr_lib") {
-        device.make_directory("{opt_lib}");
+        device.put("{opt_lib}/");
     } else if (first == "create_path_apps_zeladagent") {
-        device.make_directory("{mount_point}");
+        device.put("{mount_point}/");
     } else if (first == "remove_usr_lib_path") {
         device.remove("{opt_lib}");
     }
@@ -135,11 +123,6 @@ Device& Device::put(const std::string& path, const std::string& content) {
     return *this;
 }
 
-Device& Device::make_directory(const std::string& path) {
-    fs::create_directories(host_path(path));
-    return *this;
-}
-
 Device& Device::remove(const std::string& path) {
     fs::remove_all(host_path(path));
     return *this;
@@ -151,9 +134,10 @@ Device& Device::fail(const std::string& text, int times) {
 }
 
 void record(const std::string& line) {
-    if (std::exchange(output_pending, false)) ADD_FAILURE() << expected_output << "is not written";
+    EXPECT_EQ(std::exchange(expected_output, ""), "") << "is not written";
+    lines += "- ";
     for (const char c : line) lines += c == '\n' ? "\\n" : std::string(1, c);
-    if (!line.empty() && line.back() == ' ') lines.replace(lines.size() - 1, 1, "\\s");
+    if (line.back() == ' ') lines.replace(lines.size() - 1, 1, "\\s");
     lines += "\n";
 }
 
@@ -168,10 +152,8 @@ DaemonTest::DaemonTest() {
     device = Device();
     device.root = (fs::temp_directory_path() / "daemon-test.XXXXXX").string();
     if (!mkdtemp(device.root.data())) abort();
-    device.put("{firmware_agent}").put("{ready}").make_directory("{opt_lib}");
-    device.make_directory("/opt/media/Documents");
+    device.put("{firmware_agent}").put("{ready}").put("{opt_lib}/").put("/opt/media/Documents/");
     lines.clear();
-    origins.clear();
     next_thread_id = 5000000000;
     files_before = open_files();
 }
@@ -193,44 +175,29 @@ extern "C" {
 
 int __dlog_print(int log_id, int priority, const char* tag, const char* format, ...) {
     EXPECT_EQ(log_id, 0);
-    EXPECT_TRUE(priority == 2 || priority == 16) << priority;
     EXPECT_STREQ(tag, "AD_DAEMON");
     va_list arguments;
     va_start(arguments, format);
-    platform_text = formatted(format, arguments);
-    va_end(arguments);
-    va_start(arguments, format);
-    take_platform_line(priority == 16, format, arguments);
+    take_platform_line(priority, formatted(format, arguments));
     va_end(arguments);
     return -1;
 }
 
-int __wrap_printf(const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    const int result = take_output(format, arguments);
-    va_end(arguments);
-    return result;
-}
+#define OUTPUT_CALL(function, ...)                         \
+    int function(__VA_ARGS__ const char* format, ...) {    \
+        va_list arguments;                                 \
+        va_start(arguments, format);                       \
+        const int result = take_output(format, arguments); \
+        va_end(arguments);                                 \
+        return result;                                     \
+    }
+OUTPUT_CALL(__wrap_printf, )
+OUTPUT_CALL(__wrap___printf_chk, int, )
 
-int __wrap___printf_chk(int level, const char* format, ...) {
-    const bool ours = output_pending;
-    va_list arguments;
-    va_start(arguments, format);
-    const int result = take_output(format, arguments);
-    va_end(arguments);
-    EXPECT_EQ(level, ours ? 1 : level);
-    return result;
-}
-
-long __wrap_syscall(long number, ...) {
-    if (number != SYS_gettid) abort();
-    return next_thread_id++;
-}
+long __wrap_syscall(long, ...) { return next_thread_id++; }
 
 int __wrap_setvbuf(FILE* stream, char* buffer, int mode, size_t) {
-    const bool by_lines = stream == stdout && buffer == nullptr && mode == _IOLBF;
-    record(by_lines ? "setvbuf stdout by lines" : "setvbuf");
+    record(stream == stdout && !buffer && mode == _IOLBF ? "setvbuf stdout by lines" : "setvbuf");
     return 0;
 }
 
@@ -256,16 +223,11 @@ int __wrap_usleep(useconds_t microseconds) {
     return 0;
 }
 
-using SignalHandler = void (*)(int);
-
-SignalHandler __wrap_signal(int number, SignalHandler handler) {
-    const char* name = handler == sig_quit ? "sig_quit" : "another";
-    record("signal " + std::to_string(number) + " " + (handler == SIG_DFL ? "default" : name));
-    device.signal_handlers[number] = handler;
+sighandler_t __wrap_signal(int number, sighandler_t handler) {
+    const char* name = handler == sig_quit ? " sig_quit" : " another";
+    record("signal " + std::to_string(number) + (handler == SIG_DFL ? " default" : name));
     return SIG_DFL;
 }
-
-void __wrap_g_type_init() { record("g_type_init"); }
 
 GMainLoop* __wrap_g_main_loop_new(GMainContext* context, gboolean is_running) {
     record(std::string("g_main_loop_new") + (context ? "" : " default") +
@@ -275,12 +237,14 @@ GMainLoop* __wrap_g_main_loop_new(GMainContext* context, gboolean is_running) {
 
 void __wrap_g_main_loop_run(GMainLoop*) {
     record("g_main_loop_run");
-    if (device.in_loop) device.in_loop();
+    device.in_loop();
 }
 
-void __wrap_g_main_loop_quit(GMainLoop*) { record("g_main_loop_quit"); }
-
-void __wrap_g_main_loop_unref(GMainLoop*) { record("g_main_loop_unref"); }
+#define RECORDED(function, ...) \
+    void __wrap_##function(__VA_ARGS__) { record(#function); }
+RECORDED(g_type_init)
+RECORDED(g_main_loop_quit, GMainLoop*)
+RECORDED(g_main_loop_unref, GMainLoop*)
 
 void* __real__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t& tag);
 void* __wrap__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t& tag) {

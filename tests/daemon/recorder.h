@@ -4,20 +4,18 @@
  * calls that run, wait for or look at something, and the main loop. Each writes
  * one line to the transcript and answers as the Device says.
  *
- * A log statement's line is "N " or "E " with the message, in which a line
- * break shows as \n and a blank at the end as \s.
+ * A log statement's line is the function that it came from, with the file's
+ * name in front ("ADUtils.ad_mount") unless that is CADAgentd.cpp, then "N" or
+ * "E", and the message. A line break shows as \n, a blank at the end as \s.
  */
 #ifndef RECORDER_H
 #define RECORDER_H
 
 #include "CADAgentd.h"
-#include "network_connection.h"
-#include "settings_store.h"
 
 #include <deque>
 #include <functional>
 #include <map>
-#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -39,43 +37,32 @@ struct Device {
     std::string root;
     /** What "{name}" stands for in paths and steps, beside the names of steps.cpp. */
     std::map<std::string, std::string> names;
-
     int connection_type = 1;
     int connection_state = 2;
     /** The registered profiles' types, in order. */
     std::vector<int> profiles = {1};
     int consent = 1;
-    std::optional<std::string> firmware = "T-1200.3";
     /** Results of the platform function, or wait statuses of commands with the text; then 0. */
     std::map<std::string, std::deque<int>> answers;
-    /** The manifest inside the stored image, and inside the downloaded one; empty for none. */
+    /** The manifest inside the stored image; empty for none. */
     std::string image_manifest = "<Zel><Version>1.05</Version></Zel>";
-    std::string downloaded_manifest = "<Zel><Version>1.06</Version></Zel>";
     /** Files that exist and cannot be opened. */
     std::set<std::string> unreadable;
     /** Libraries and symbols that come with the loader's error "broken", and those not found. */
-    std::set<std::string> loader_errors;
-    std::set<std::string> not_found;
+    std::set<std::string> loader_errors, not_found;
     int update_result = 0;
     std::string so_version = "1.05";
     bool loop_can_be_made = true;
     bool memory_is_full = false;
-    bool throws_on_watch = false;
     /** Called at the end of each command, in each sleep, and as the main loop. */
-    std::function<void()> on_command;
-    std::function<void()> on_sleep;
-    std::function<void()> in_loop;
+    std::function<void()> on_command, on_sleep, in_loop;
 
-    // What the daemon has registered.
-    std::map<std::string, std::pair<vconf_callback_fn, void*>> watches;
-    std::pair<connection_profile_state_changed_cb, void*> profile_watch;
-    std::pair<connection_type_changed_cb, void*> type_watch;
-    std::map<int, void (*)(int)> signal_handlers;
+    /** The callbacks that the daemon has registered, by settings key or function. */
+    std::map<std::string, std::pair<void*, void*>> watches;
 
     Device& let(const std::string& name, const std::string& meaning);
-    /** Makes a file, and the directories above it. */
+    /** Makes a file and the directories above it, or with "/" at the end a directory. */
     Device& put(const std::string& path, const std::string& content = "");
-    Device& make_directory(const std::string& path);
     Device& remove(const std::string& path);
     /** Makes the next commands that contain a text end with status 2. */
     Device& fail(const std::string& text, int times = 1);
@@ -85,19 +72,12 @@ struct Device {
 
 extern Device device;
 
-/** The newest log statement, as it reached the two sinks. */
-extern std::string platform_text;
-extern std::string output_text;
-
-/** The functions that messages came from, by source file. */
-extern std::map<std::string, std::set<std::string>> origins;
-
 void record(const std::string& line);
 
 /** Records a call of a platform function and gives its next answer. */
 int call(const std::string& function, const std::string& arguments = "called");
 
-/** The lines so far, each ended; begins anew afterwards. */
+/** The lines so far, each between "- " and a line break; begins anew afterwards. */
 std::string transcript();
 
 /** Puts in what names stand for. */
@@ -107,22 +87,21 @@ std::string expand(const std::string& text);
  * Takes the transcript and fails the test unless it follows the steps, which
  * line breaks or "|" separate. A step is a line of the transcript, a word of
  * steps.cpp that stands for several ("exists PATH", "ran COMMAND", "mounted"),
- * or "..." for any lines or none.
+ * or "..." for any lines or none. "@FUNCTION" says for the "N" and "E" lines
+ * that follow where they come from; before it, the meaning of the name "@" does.
  */
 void follow_steps(const std::string& steps);
-
-#define EXPECT_STEPS(steps)                \
-    do {                                   \
-        SCOPED_TRACE("these steps");       \
-        daemon_tests::follow_steps(steps); \
-    } while (false)
 
 /** An operation's result, and what it wrote. */
 #define EXPECT_RUN(operation, result, steps) \
     do {                                     \
+        SCOPED_TRACE(#operation);            \
         EXPECT_EQ(operation, result);        \
-        EXPECT_STEPS(steps);                 \
+        daemon_tests::follow_steps(steps);   \
     } while (false)
+
+/** The same without a result. */
+#define EXPECT_STEPS(operation, steps) EXPECT_RUN((operation, 0), 0, steps)
 
 /** Has a device with a firmware library, the settings store's marker and an empty {opt_lib}. */
 class DaemonTest : public testing::Test {

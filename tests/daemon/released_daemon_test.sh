@@ -17,21 +17,12 @@ for plain in printf puts putchar fflush; do
     ! echo "$imports" | grep -qx "$plain" || fail "$plain is called"
 done
 
-names=$("$nm" -C --defined-only --extern-only "$utilities" | sed -n 's/^[0-9a-f]* T //p' | sort)
-wanted='ad_copy
-ad_copy_lib(char const*, char const*)
-ad_copy_lib_fwk()
-ad_copy_lib_player()
-ad_copy_path(char const*, char const*)
-ad_copy_player_res()
-ad_mount
-ad_mounter_create
-ad_remove_lib_so_path
-ad_replace_img
-ad_umount
-check_existed
-system_cmd'
-[ "$names" = "$(echo "$wanted" | sort)" ] || fail "the utilities export: $names"
+names=$("$nm" -C --defined-only --extern-only "$utilities" |
+    sed -n 's/^[0-9a-f]* T //p' | LC_ALL=C sort | paste -sd ';')
+[ "$names" = "ad_copy;ad_copy_lib(char const*, char const*);ad_copy_lib_fwk();ad_copy_lib_player();\
+ad_copy_path(char const*, char const*);ad_copy_player_res();ad_mount;ad_mounter_create;\
+ad_remove_lib_so_path;ad_replace_img;ad_umount;check_existed;system_cmd" ] ||
+    fail "the utilities export: $names"
 
 stripped=$(mktemp)
 trap 'rm -f "$stripped"' EXIT
