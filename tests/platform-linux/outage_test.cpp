@@ -7,6 +7,7 @@
 
 #include <csignal>
 #include <optional>
+#include <regex>
 #include <thread>
 
 namespace platform_linux_test {
@@ -20,7 +21,7 @@ enum Stage { BEFORE_START, DURING_START, IDLE, DURING_A_CHANGE, STAGES };
 const char* const CONSENT = "db/menu/kelo_home/homedatacontrol/defaultdisclaimeragree";
 
 /** The real daemon on this platform's library. */
-class Daemon : public test_support::LineProcess {
+class Daemon : public LineProcess {
 public:
     Daemon() : LineProcess({"env", "LD_LIBRARY_PATH=" PLATFORM_FOLDER, ADAGENTD}) {}
 
@@ -32,7 +33,7 @@ public:
 
 }  // namespace
 
-class Outage : public PlatformTest, public testing::WithParamInterface<const char*> {
+class Outage : public PlatformTest, public testing::WithParamInterface<std::string> {
 protected:
     void SetUp() override {
         PlatformTest::SetUp();
@@ -41,11 +42,9 @@ protected:
         must(
             "mountpoint -q /opt || { cd /run && mkdir -p opt opt-work && "
             "mount -t overlay -o lowerdir=/opt,upperdir=/run/opt,workdir=/run/opt-work opt /opt; "
-            "}; "
-            "mkdir -p /opt/media/Documents");
+            "}; mkdir -p /opt/media/Documents");
         write_setting(CONSENT, "0");
-        add_wired("wired");
-        must("nmcli connection up wired");
+        connect_wired();
     }
 
     /** Kills the service at a stage of the daemon's life. */
@@ -76,46 +75,31 @@ protected:
 
     void setting_arrives(int round) {
         const std::string value = std::to_string(1000 + round);
+        const std::string line = "value = " + value + "(int)";
         write_setting(CONSENT, value);
-        ASSERT_TRUE(daemon_->logs("value = " + value + "(int)"));
+        ASSERT_TRUE(daemon_->logs(line));
+        if (service_ == "log") {
+            must("journalctl --sync; journalctl -t AD_DAEMON -a | grep -qF '" + line + "'");
+        }
     }
 
     void network_arrives() {
         // It came back, which the daemon is told.
         ASSERT_TRUE(daemon_->logs("Check Profile is registered or not"))
             << shell("nmcli; ps ax; journalctl --no-pager -n 60 _COMM=NetworkManager").output;
-        must("ip link set far0 down");
+        set_cable("down");
         ASSERT_TRUE(daemon_->logs("Unknown Type, 0"));
-        must("ip link set far0 up");
+        set_cable("up");
         ASSERT_TRUE(daemon_->logs("Check Profile is registered or not"));
         ASSERT_TRUE(daemon_->logs("[CADAgentd] T&C is"));
     }
 
-    void log_arrives(int round) {
-        setting_arrives(round);
-        const std::string entry = "value = " + std::to_string(1000 + round) + "(int)";
-        ASSERT_EQ(shell("journalctl --sync; journalctl -t AD_DAEMON -a | grep -qF '" + entry + "'")
-                      .status,
-                  0)
-            << entry;
-    }
-
-    void change_arrives(int round) {
-        if (service_ == "log") {
-            log_arrives(round);
-        } else if (service_.find("network") != std::string::npos) {
-            network_arrives();
-        } else {
-            setting_arrives(round);
-        }
-    }
-
-    std::string service_;
+    const std::string service_ = GetParam();
     std::optional<Daemon> daemon_;
 };
 
 TEST_P(Outage, TheDaemonLivesAndHearsOfTheNextChange) {
-    service_ = GetParam();
+    const bool of_network = service_.find("network") != std::string::npos;
     for (int round = 0; round < ROUNDS; ++round) {
         const auto stage = static_cast<Stage>(round % STAGES);
         SCOPED_TRACE("round " + std::to_string(round));
@@ -124,9 +108,13 @@ TEST_P(Outage, TheDaemonLivesAndHearsOfTheNextChange) {
         if (stage == BEFORE_START || stage == DURING_START) {
             ASSERT_TRUE(daemon_->logs(" Network is "));
         }
-        must("ip link set far0 up");
+        set_cable("up");
         service("start " + service_);
-        change_arrives(round);
+        if (of_network) {
+            network_arrives();
+        } else {
+            setting_arrives(round);
+        }
         ASSERT_TRUE(daemon_->alive()) << daemon_->transcript();
         ASSERT_FALSE(HasFailure());
     }
@@ -138,11 +126,7 @@ INSTANTIATE_TEST_SUITE_P(Services, Outage,
                          testing::Values("session-bus", "settings", "network", "system-bus network",
                                          "log"),
                          [](const auto& service) {
-                             std::string name = service.param;
-                             for (char& character : name) {
-                                 if (!isalnum(character)) character = '_';
-                             }
-                             return name;
+                             return std::regex_replace(service.param, std::regex("[ -]"), "_");
                          });
 
 }  // namespace platform_linux_test

@@ -76,19 +76,17 @@ void PlatformTest::write_setting(const std::string& key, const std::string& valu
     must("dconf write /" + key + " \"" + value + "\"");
 }
 
-void PlatformTest::await_network(const std::string& state) {
-    must("for i in $(seq 400); do [ \"$(nmcli -t -f STATE general)\" = " + state +
-         " ] && exit; sleep 0.02; done; exit 1");
-    std::this_thread::sleep_for(200ms);
+void PlatformTest::add_wired(const std::string& more) {
+    must(
+        "nmcli -t connection add type ethernet con-name wired ifname eth0 ipv4.method manual "
+        "ipv4.addresses 10.9.0.2/24 ipv6.method disabled " +
+        more);
 }
 
-void PlatformTest::add_wired(const std::string& name, const std::string& more) {
-    must("nmcli -t connection add type ethernet con-name '" + name +
-         "' ifname eth0 ipv4.method manual ipv4.addresses 10.9.0.2/24 ipv6.method disabled " +
-         (more.empty() ? "ipv4.gateway 10.9.0.1" : more));
+void PlatformTest::connect_wired() {
+    add_wired();
+    must("nmcli connection up wired");
 }
-
-long time_of(const std::string& line) { return std::stol(line); }
 
 }  // namespace platform_linux_test
 

@@ -6,7 +6,6 @@
 #include "../support/linux_services.h"
 
 #include <chrono>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -15,6 +14,7 @@
 namespace platform_linux_test {
 
 using namespace std::chrono_literals;
+using test_support::LineProcess;
 using test_support::services;
 using test_support::shell;
 
@@ -22,10 +22,10 @@ using test_support::shell;
 constexpr std::chrono::milliseconds PATIENCE = 8s;
 
 /** The probe program (probe.cpp), with events that tests wait for. */
-class Probe : public test_support::LineProcess {
+class Probe : public LineProcess {
 public:
-    /** @param prefix  a command to run it with, such as env(1) with arguments */
-    explicit Probe(std::vector<std::string> prefix = {}) : LineProcess(command(prefix)) {}
+    /** @param command  runs it, maybe through another such as env(1) */
+    explicit Probe(const std::vector<std::string>& command = {PROBE}) : LineProcess(command) {}
 
     /** Sends a command and gives its answer, without the time and the command's name. */
     std::string ask(const std::string& command);
@@ -38,12 +38,6 @@ public:
 
     /** No such event is there or comes within the time; forgets all others. */
     testing::AssertionResult sees_no(const std::string& event, std::chrono::milliseconds time);
-
-private:
-    static std::vector<std::string> command(std::vector<std::string> prefix) {
-        prefix.emplace_back(PROBE);
-        return prefix;
-    }
 };
 
 /** Every service runs, no setting is set, no profile exists and the cable is plugged in. */
@@ -54,18 +48,16 @@ protected:
     /** Runs a shell command that has to succeed. */
     static void must(const std::string& command);
     static void service(const std::string& arguments);
-
     static void write_setting(const std::string& key, const std::string& value);
 
-    /** Waits until NetworkManager is in this state, and the platform has had time to see it. */
-    static void await_network(const std::string& state);
+    /** The cable is pulled out or plugged in, at its other end. */
+    static void set_cable(const std::string& up_or_down) { must("ip link set far0 " + up_or_down); }
 
     /** Adds a profile for the wired port, which NetworkManager activates at once. */
-    static void add_wired(const std::string& name, const std::string& more = "");
+    static void add_wired(const std::string& more = "ipv4.gateway 10.9.0.1");
+    /** The same, and it is active. */
+    static void connect_wired();
 };
-
-/** The microseconds that one of the probe's lines begins with. */
-long time_of(const std::string& line);
 
 }  // namespace platform_linux_test
 
