@@ -20,11 +20,9 @@ done
 }  // namespace
 
 std::string Probe::ask(const std::string& command) {
-    send(command);
-    const std::string name = command.substr(0, command.find(' '));
-    const auto line = pick(" " + name + " ", PATIENCE);
-    if (!line) return "no answer to " + command;
-    return line->substr(line->find(name) + name.size() + 1);
+    const std::string name = " " + command.substr(0, command.find(' ')) + " ";
+    const auto line = LineProcess::ask(command, name, PATIENCE);
+    return line ? line->substr(line->find(name) + name.size()) : "no answer to " + command;
 }
 
 testing::AssertionResult Probe::comes_to(const std::string& command, const std::string& answer) {
@@ -44,11 +42,8 @@ testing::AssertionResult Probe::sees(const std::string& event) {
 }
 
 testing::AssertionResult Probe::sees_no(const std::string& event, std::chrono::milliseconds time) {
-    for (const std::string& line : collect(time)) {
-        if (line.find(" " + event) == std::string::npos) continue;
-        return testing::AssertionFailure() << "\"" << line << "\" in:\n" << transcript();
-    }
-    return testing::AssertionSuccess();
+    if (!await(" " + event, time)) return testing::AssertionSuccess();
+    return testing::AssertionFailure() << "\"" << event << "\" in:\n" << transcript();
 }
 
 void PlatformTest::SetUp() {

@@ -25,11 +25,9 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <map>
 #include <set>
 #include <sstream>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include <glib.h>
@@ -103,18 +101,6 @@ std::string watch(Arguments& arguments) {
         vconf_notify_key_changed(key->c_str(), on_setting, is_new ? first : again));
 }
 
-std::string get(Arguments& arguments) {
-    Room value;
-    const int result = vconf_get_int(next(arguments).c_str(), value);
-    return pair(result, value.value);
-}
-
-std::string type(Arguments& /*arguments*/) {
-    Room type;
-    const int result = connection_get_type(connection, type);
-    return pair(result, type.value);
-}
-
 std::string state(Arguments& arguments) {
     const std::string name = next(arguments);
     Room state;
@@ -126,11 +112,7 @@ std::string state(Arguments& arguments) {
     return pair(result, state.value);
 }
 
-std::string watch_type(Arguments& /*arguments*/) {
-    return std::to_string(connection_set_type_changed_cb(connection, on_type, nullptr));
-}
-
-std::string list_profiles(Arguments& /*arguments*/) {
+std::string list_profiles() {
     connection_profile_iterator_h iterator = nullptr;
     std::string list = std::to_string(connection_get_profile_iterator(
         connection, CONNECTION_ITERATOR_TYPE_REGISTERED, &iterator));
@@ -153,12 +135,8 @@ std::string watch_profile(Arguments& arguments) {
                                                                   reinterpret_cast<void*>(number)));
 }
 
-std::string unwatch_profile(Arguments& arguments) {
-    return std::to_string(
-        connection_profile_unset_state_changed_cb(profiles.at(next<size_t>(arguments))));
-}
-
-std::string misuse(Arguments& /*arguments*/) {
+/** Gives the calls that were accepted, by their order here, and whether anything was written. */
+std::string misuse() {
     Room value;
     void* given = nullptr;
     char* text = nullptr;
@@ -190,13 +168,13 @@ std::string misuse(Arguments& /*arguments*/) {
         system_info_get_value_string(SYSTEM_INFO_KEY_FIRMWARE_VERSION, nullptr)};
     std::string accepted;
     for (size_t i = 0; i < std::size(results); ++i) {
-        if (results[i] == 0) accepted += " call " + std::to_string(i) + " was accepted";
+        if (results[i] == 0) accepted += "call " + std::to_string(i) + " ";
     }
-    if (value.value != Room::UNTOUCHED || given || text) accepted += " something was written to";
-    return accepted.empty() ? "refused" : accepted;
+    const bool written = value.value != Room::UNTOUCHED || given || text;
+    return accepted + (written ? "written" : "nothing");
 }
 
-std::string firmware(Arguments& /*arguments*/) {
+std::string firmware() {
     char* value = nullptr;
     const int result = system_info_get_value_string(SYSTEM_INFO_KEY_FIRMWARE_VERSION, &value);
     const std::string answer = std::to_string(result) + " " + (value ? value : "-");
@@ -204,42 +182,52 @@ std::string firmware(Arguments& /*arguments*/) {
     return answer;
 }
 
-std::string log(Arguments& arguments) {
-    const int priority = next<int>(arguments);
-    std::string message;
-    std::getline(arguments.ignore(), message);
+std::string log(int priority, const std::string& message) {
     return std::to_string(
         __dlog_print(PLATFORM_LOG_MAIN, priority, "probe", "%s", message.c_str()));
 }
 
-std::string log_burst(Arguments& arguments) {
-    const int count = next<int>(arguments);
-    for (int i = 0; i < count; ++i) {
-        __dlog_print(PLATFORM_LOG_MAIN, PLATFORM_LOG_NORMAL, "probe", "burst %d", i);
+std::string execute(const std::string& name, Arguments& arguments) {
+    Room value;
+    if (name == "watch") return watch(arguments);
+    if (name == "get") {
+        const int result = vconf_get_int(next(arguments).c_str(), value);
+        return pair(result, value.value);
     }
-    return "done";
+    if (name == "type") {
+        const int result = connection_get_type(connection, value);
+        return pair(result, value.value);
+    }
+    if (name == "state") return state(arguments);
+    if (name == "watch-type") {
+        return std::to_string(connection_set_type_changed_cb(connection, on_type, nullptr));
+    }
+    if (name == "profiles") return list_profiles();
+    if (name == "watch-profile") return watch_profile(arguments);
+    if (name == "unwatch-profile") {
+        const auto profile = profiles.at(next<size_t>(arguments));
+        return std::to_string(connection_profile_unset_state_changed_cb(profile));
+    }
+    if (name == "misuse") return misuse();
+    if (name == "firmware") return firmware();
+    if (name == "log") {
+        const int priority = next<int>(arguments);
+        std::string message;
+        std::getline(arguments.ignore(), message);
+        return log(priority, message);
+    }
+    if (name == "log-burst") {
+        const int count = next<int>(arguments);
+        for (int i = 0; i < count; ++i) log(PLATFORM_LOG_NORMAL, "burst " + std::to_string(i));
+        return "done";
+    }
+    if (name == "block") {
+        const std::string file = next(arguments);
+        while (access(file.c_str(), F_OK) != 0) g_usleep(1000);
+        return "done";
+    }
+    return "is no command";
 }
-
-std::string block(Arguments& arguments) {
-    const std::string file = next(arguments);
-    while (access(file.c_str(), F_OK) != 0) g_usleep(1000);
-    return "done";
-}
-
-const std::map<std::string, std::string (*)(Arguments&)> COMMANDS = {
-    {"watch", watch},
-    {"get", get},
-    {"type", type},
-    {"state", state},
-    {"watch-type", watch_type},
-    {"profiles", list_profiles},
-    {"watch-profile", watch_profile},
-    {"unwatch-profile", unwatch_profile},
-    {"misuse", misuse},
-    {"firmware", firmware},
-    {"log", log},
-    {"log-burst", log_burst},
-    {"block", block}};
 
 gboolean on_input(GIOChannel* input, GIOCondition /*condition*/, void* main_loop) {
     char* line = nullptr;
@@ -252,8 +240,7 @@ gboolean on_input(GIOChannel* input, GIOCondition /*condition*/, void* main_loop
     std::istringstream arguments(std::string(line, end));
     g_free(line);
     const std::string name = next(arguments);
-    const auto command = COMMANDS.find(name);
-    say(name + " " + (command == COMMANDS.end() ? "is no command" : command->second(arguments)));
+    say(name + " " + execute(name, arguments));
     return G_SOURCE_CONTINUE;
 }
 

@@ -40,8 +40,6 @@ void enter_linux_services(int argc, char** argv) {
     _exit(1);
 }
 
-Outcome shell(const std::string& command) { return run({"sh", "-c", command}); }
-
 Outcome services(const std::string& arguments) {
     return shell(std::string(LINUX_SERVICES) + " " + arguments);
 }
