@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <chrono>
 #include <fstream>
-#include <regex>
 #include <sstream>
 #include <thread>
 
@@ -205,10 +204,9 @@ bool Device::await_requests(const std::string& path, int wanted) const {
 }
 
 std::string Device::recorded_version() const {
-    const std::string manifest = read_file(opt("/usr/apps/adagent/zelADAgentCache.xml"));
-    std::smatch version;
-    std::regex_search(manifest, version, std::regex("<SoVersion>(.*)</SoVersion>"));
-    return version.size() > 1 ? version[1].str() : "";
+    return shell("sed -n 's:.*<SoVersion>\\(.*\\)</SoVersion>.*:\\1:p' '" +
+                 opt("/usr/apps/adagent/zelADAgentCache.xml") + "' 2>/dev/null | tr -d '\\n'")
+        .output;
 }
 
 void Device::expect_installed(const std::string& version) const {

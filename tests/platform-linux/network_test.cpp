@@ -46,8 +46,7 @@ TEST_F(Network, AWiredPortFromPluggingInToPullingOut) {
     for (int i = 0; i < 10; ++i) {
         set_cable("up");
         expect_connected(probe);
-        EXPECT_TRUE(probe.sees_no("type-changed", i == 0 ? 150ms : 0ms))
-            << "one change, two reports";
+        EXPECT_TRUE(probe.sees_no("-changed", i == 0 ? 150ms : 0ms)) << "one change, two reports";
         set_cable("down");
         expect_disconnected(probe);
         ASSERT_FALSE(HasFailure());

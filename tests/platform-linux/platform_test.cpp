@@ -19,6 +19,16 @@ done
 
 }  // namespace
 
+testing::AssertionResult Program::sees(const std::string& text) {
+    if (await(text, PATIENCE)) return testing::AssertionSuccess();
+    return testing::AssertionFailure() << "no \"" << text << "\" in:\n" << transcript();
+}
+
+testing::AssertionResult Program::sees_no(const std::string& text, std::chrono::milliseconds time) {
+    if (!await(text, time)) return testing::AssertionSuccess();
+    return testing::AssertionFailure() << "\"" << text << "\" in:\n" << transcript();
+}
+
 std::string Probe::ask(const std::string& command) {
     const std::string name = " " + command.substr(0, command.find(' ')) + " ";
     const auto line = LineProcess::ask(command, name, PATIENCE);
@@ -34,16 +44,6 @@ testing::AssertionResult Probe::comes_to(const std::string& command, const std::
         std::this_thread::sleep_for(5ms);
     } while (std::chrono::steady_clock::now() < end);
     return testing::AssertionFailure() << command << " still gives " << last;
-}
-
-testing::AssertionResult Probe::sees(const std::string& event) {
-    if (await(" " + event, PATIENCE)) return testing::AssertionSuccess();
-    return testing::AssertionFailure() << "no \"" << event << "\" in:\n" << transcript();
-}
-
-testing::AssertionResult Probe::sees_no(const std::string& event, std::chrono::milliseconds time) {
-    if (!await(" " + event, time)) return testing::AssertionSuccess();
-    return testing::AssertionFailure() << "\"" << event << "\" in:\n" << transcript();
 }
 
 void PlatformTest::SetUp() {

@@ -21,23 +21,29 @@ using test_support::shell;
 /** Long enough for a loaded machine; nothing that works takes nearly as long. */
 constexpr std::chrono::milliseconds PATIENCE = 8s;
 
-/** The probe program (probe.cpp), with events that tests wait for. */
-class Probe : public LineProcess {
+/** A program whose lines tests wait for. */
+class Program : public LineProcess {
+public:
+    using LineProcess::LineProcess;
+
+    /** Waits for a line with a text, passing over others. */
+    testing::AssertionResult sees(const std::string& text);
+
+    /** No such line is there or comes within the time; forgets all others. */
+    testing::AssertionResult sees_no(const std::string& text, std::chrono::milliseconds time);
+};
+
+/** The probe (probe.cpp), whose lines are answers and events. */
+class Probe : public Program {
 public:
     /** @param command  runs it, maybe through another such as env(1) */
-    explicit Probe(const std::vector<std::string>& command = {PROBE}) : LineProcess(command) {}
+    explicit Probe(const std::vector<std::string>& command = {PROBE}) : Program(command) {}
 
     /** Sends a command and gives its answer, without the time and the command's name. */
     std::string ask(const std::string& command);
 
     /** Asks until the answer is this one. */
     testing::AssertionResult comes_to(const std::string& command, const std::string& answer);
-
-    /** Waits for an event, passing over others. */
-    testing::AssertionResult sees(const std::string& event);
-
-    /** No such event is there or comes within the time; forgets all others. */
-    testing::AssertionResult sees_no(const std::string& event, std::chrono::milliseconds time);
 };
 
 /** Every service runs, no setting is set, no profile exists and the cable is plugged in. */

@@ -24,8 +24,6 @@ struct Radio {
     int connected;
 };
 
-void PrintTo(const Radio& radio, std::ostream* stream) { *stream << radio.name; }
-
 }  // namespace
 
 class RadioTest : public PlatformTest, public testing::WithParamInterface<Radio> {
