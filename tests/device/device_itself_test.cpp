@@ -6,12 +6,6 @@
 
 namespace device_tests {
 
-/** True for a process that has not ended; one that nobody has waited for yet has. */
-static bool alive(int pid) {
-    const std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
-    return !stat.empty() && stat.find(") Z ") == std::string::npos;
-}
-
 class ForegroundDevice : public EachPlatform {};
 ON_EACH_PLATFORM(ForegroundDevice);
 
@@ -22,11 +16,13 @@ TEST_P(ForegroundDevice, EndsWithWhoeverRunsIt) {
     auto owner =
         std::make_unique<LineProcess>(std::vector<std::string>{"bash", "-c", start + " & wait"});
     ASSERT_TRUE(device.await("Version = 1.05"));
-    const int daemon = device.daemon_pid();
-    ASSERT_TRUE(alive(daemon));
+    // One that nobody has waited for yet has ended too.
+    const std::string state = "ps -o state= -p " + std::to_string(device.daemon_pid());
+    const auto alive = [&state] { return shell(state + " | grep -q '^[^Z]'").status == 0; };
+    ASSERT_TRUE(alive());
 
     owner.reset();  // SIGKILL, without a chance to clean up
-    EXPECT_TRUE(poll([&] { return !alive(daemon); }));
+    EXPECT_TRUE(poll([&] { return !alive(); }));
     EXPECT_TRUE(poll([&] { return device.leftovers().empty(); }));
 }
 

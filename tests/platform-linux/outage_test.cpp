@@ -41,28 +41,18 @@ protected:
 
     /** Kills the service at a stage of the daemon's life. */
     void break_service(Stage stage, int round) {
-        const std::string kill = "kill " + service_;
-        switch (stage) {
-            case BEFORE_START:
-                service(kill);
-                daemon_.emplace(DAEMON);
-                break;
-            case DURING_START:
-                daemon_.emplace(DAEMON);
-                std::this_thread::sleep_for(round % 10 * 1ms);
-                service(kill);
-                break;
-            case DURING_A_CHANGE:
-                // The kill overtakes the writing; NetworkManager takes some tens of
-                // milliseconds over a cable.
-                shell("dconf write /db/menu_widget/language \"'" + std::to_string(round) +
-                      "'\" >/dev/null 2>&1 & ip link set far0 down");
-                std::this_thread::sleep_for(round % 20 * 5ms);
-                service(kill);
-                break;
-            default:
-                service(kill);
+        if (stage == DURING_START) {
+            daemon_.emplace(DAEMON);
+            std::this_thread::sleep_for(round % 10 * 1ms);
+        } else if (stage == DURING_A_CHANGE) {
+            // The kill overtakes the writing; NetworkManager takes some tens of
+            // milliseconds over a cable.
+            shell("dconf write /db/menu_widget/language \"'" + std::to_string(round) +
+                  "'\" >/dev/null 2>&1 & ip link set far0 down");
+            std::this_thread::sleep_for(round % 20 * 5ms);
         }
+        service("kill " + service_);
+        if (stage == BEFORE_START) daemon_.emplace(DAEMON);
     }
 
     void setting_arrives(int round) {
