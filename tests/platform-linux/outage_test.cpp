@@ -5,6 +5,7 @@
  */
 #include "platform_test.h"
 
+#include <algorithm>
 #include <csignal>
 #include <optional>
 #include <thread>
@@ -20,19 +21,11 @@ enum Stage { BEFORE_START, DURING_START, IDLE, DURING_A_CHANGE, STAGES };
 const char* const CONSENT = "db/menu/kelo_home/homedatacontrol/defaultdisclaimeragree";
 
 /** The real daemon on this platform's library. */
-class Daemon : public test_support::LineProcess {
-public:
-    Daemon() : LineProcess({"env", "LD_LIBRARY_PATH=" PLATFORM_FOLDER, ADAGENTD}) {}
-
-    testing::AssertionResult logs(const std::string& text) {
-        if (await(text, PATIENCE)) return testing::AssertionSuccess();
-        return testing::AssertionFailure() << "no \"" << text << "\" in:\n" << transcript();
-    }
-};
+const std::vector<std::string> DAEMON = {"env", "LD_LIBRARY_PATH=" PLATFORM_FOLDER, ADAGENTD};
 
 }  // namespace
 
-class Outage : public PlatformTest, public testing::WithParamInterface<const char*> {
+class Outage : public PlatformTest, public testing::WithParamInterface<std::string> {
 protected:
     void SetUp() override {
         PlatformTest::SetUp();
@@ -41,92 +34,69 @@ protected:
         must(
             "mountpoint -q /opt || { cd /run && mkdir -p opt opt-work && "
             "mount -t overlay -o lowerdir=/opt,upperdir=/run/opt,workdir=/run/opt-work opt /opt; "
-            "}; "
-            "mkdir -p /opt/media/Documents");
+            "}; mkdir -p /opt/media/Documents");
         write_setting(CONSENT, "0");
-        add_wired("wired");
-        must("nmcli connection up wired");
+        connect_wired();
     }
 
     /** Kills the service at a stage of the daemon's life. */
     void break_service(Stage stage, int round) {
-        const std::string kill = "kill " + service_;
-        switch (stage) {
-            case BEFORE_START:
-                service(kill);
-                daemon_.emplace();
-                break;
-            case DURING_START:
-                daemon_.emplace();
-                std::this_thread::sleep_for(round % 10 * 1ms);
-                service(kill);
-                break;
-            case DURING_A_CHANGE:
-                // The kill overtakes the writing; NetworkManager takes some tens of
-                // milliseconds over a cable.
-                shell("dconf write /db/menu_widget/language \"'" + std::to_string(round) +
-                      "'\" >/dev/null 2>&1 & ip link set far0 down");
-                std::this_thread::sleep_for(round % 20 * 5ms);
-                service(kill);
-                break;
-            default:
-                service(kill);
+        if (stage == DURING_START) {
+            daemon_.emplace(DAEMON);
+            std::this_thread::sleep_for(round % 10 * 1ms);
+        } else if (stage == DURING_A_CHANGE) {
+            // The kill overtakes the writing; NetworkManager takes some tens of
+            // milliseconds over a cable.
+            shell("dconf write /db/menu_widget/language \"'" + std::to_string(round) +
+                  "'\" >/dev/null 2>&1 & ip link set far0 down");
+            std::this_thread::sleep_for(round % 20 * 5ms);
         }
+        service("kill " + service_);
+        if (stage == BEFORE_START) daemon_.emplace(DAEMON);
     }
 
     void setting_arrives(int round) {
         const std::string value = std::to_string(1000 + round);
+        const std::string line = "value = " + value + "(int)";
         write_setting(CONSENT, value);
-        ASSERT_TRUE(daemon_->logs("value = " + value + "(int)"));
+        ASSERT_TRUE(daemon_->sees(line));
+        if (service_ == "log") {
+            must("journalctl --sync; journalctl -t AD_DAEMON -a | grep -qF '" + line + "'");
+        }
     }
 
     void network_arrives() {
         // It came back, which the daemon is told.
-        ASSERT_TRUE(daemon_->logs("Check Profile is registered or not"))
+        ASSERT_TRUE(daemon_->sees("Check Profile is registered or not"))
             << shell("nmcli; ps ax; journalctl --no-pager -n 60 _COMM=NetworkManager").output;
-        must("ip link set far0 down");
-        ASSERT_TRUE(daemon_->logs("Unknown Type, 0"));
-        must("ip link set far0 up");
-        ASSERT_TRUE(daemon_->logs("Check Profile is registered or not"));
-        ASSERT_TRUE(daemon_->logs("[CADAgentd] T&C is"));
+        set_cable("down");
+        ASSERT_TRUE(daemon_->sees("Unknown Type, 0"));
+        set_cable("up");
+        ASSERT_TRUE(daemon_->sees("Check Profile is registered or not"));
+        ASSERT_TRUE(daemon_->sees("[CADAgentd] T&C is"));
     }
 
-    void log_arrives(int round) {
-        setting_arrives(round);
-        const std::string entry = "value = " + std::to_string(1000 + round) + "(int)";
-        ASSERT_EQ(shell("journalctl --sync; journalctl -t AD_DAEMON -a | grep -qF '" + entry + "'")
-                      .status,
-                  0)
-            << entry;
-    }
-
-    void change_arrives(int round) {
-        if (service_ == "log") {
-            log_arrives(round);
-        } else if (service_.find("network") != std::string::npos) {
-            network_arrives();
-        } else {
-            setting_arrives(round);
-        }
-    }
-
-    std::string service_;
-    std::optional<Daemon> daemon_;
+    const std::string service_ = GetParam();
+    std::optional<Program> daemon_;
 };
 
 TEST_P(Outage, TheDaemonLivesAndHearsOfTheNextChange) {
-    service_ = GetParam();
+    const bool of_network = service_.find("network") != std::string::npos;
     for (int round = 0; round < ROUNDS; ++round) {
         const auto stage = static_cast<Stage>(round % STAGES);
         SCOPED_TRACE("round " + std::to_string(round));
         break_service(stage, round);
         // It has all of its watches by then.
         if (stage == BEFORE_START || stage == DURING_START) {
-            ASSERT_TRUE(daemon_->logs(" Network is "));
+            ASSERT_TRUE(daemon_->sees(" Network is "));
         }
-        must("ip link set far0 up");
+        set_cable("up");
         service("start " + service_);
-        change_arrives(round);
+        if (of_network) {
+            network_arrives();
+        } else {
+            setting_arrives(round);
+        }
         ASSERT_TRUE(daemon_->alive()) << daemon_->transcript();
         ASSERT_FALSE(HasFailure());
     }
@@ -139,9 +109,8 @@ INSTANTIATE_TEST_SUITE_P(Services, Outage,
                                          "log"),
                          [](const auto& service) {
                              std::string name = service.param;
-                             for (char& character : name) {
-                                 if (!isalnum(character)) character = '_';
-                             }
+                             std::replace(name.begin(), name.end(), ' ', '_');
+                             std::replace(name.begin(), name.end(), '-', '_');
                              return name;
                          });
 

@@ -19,12 +19,20 @@ done
 
 }  // namespace
 
+testing::AssertionResult Program::sees(const std::string& text) {
+    if (await(text, PATIENCE)) return testing::AssertionSuccess();
+    return testing::AssertionFailure() << "no \"" << text << "\" in:\n" << transcript();
+}
+
+testing::AssertionResult Program::sees_no(const std::string& text, std::chrono::milliseconds time) {
+    if (!await(text, time)) return testing::AssertionSuccess();
+    return testing::AssertionFailure() << "\"" << text << "\" in:\n" << transcript();
+}
+
 std::string Probe::ask(const std::string& command) {
-    send(command);
-    const std::string name = command.substr(0, command.find(' '));
-    const auto line = pick(" " + name + " ", PATIENCE);
-    if (!line) return "no answer to " + command;
-    return line->substr(line->find(name) + name.size() + 1);
+    const std::string name = " " + command.substr(0, command.find(' ')) + " ";
+    const auto line = LineProcess::ask(command, name, PATIENCE);
+    return line ? line->substr(line->find(name) + name.size()) : "no answer to " + command;
 }
 
 testing::AssertionResult Probe::comes_to(const std::string& command, const std::string& answer) {
@@ -36,19 +44,6 @@ testing::AssertionResult Probe::comes_to(const std::string& command, const std::
         std::this_thread::sleep_for(5ms);
     } while (std::chrono::steady_clock::now() < end);
     return testing::AssertionFailure() << command << " still gives " << last;
-}
-
-testing::AssertionResult Probe::sees(const std::string& event) {
-    if (await(" " + event, PATIENCE)) return testing::AssertionSuccess();
-    return testing::AssertionFailure() << "no \"" << event << "\" in:\n" << transcript();
-}
-
-testing::AssertionResult Probe::sees_no(const std::string& event, std::chrono::milliseconds time) {
-    for (const std::string& line : collect(time)) {
-        if (line.find(" " + event) == std::string::npos) continue;
-        return testing::AssertionFailure() << "\"" << line << "\" in:\n" << transcript();
-    }
-    return testing::AssertionSuccess();
 }
 
 void PlatformTest::SetUp() {
@@ -76,19 +71,17 @@ void PlatformTest::write_setting(const std::string& key, const std::string& valu
     must("dconf write /" + key + " \"" + value + "\"");
 }
 
-void PlatformTest::await_network(const std::string& state) {
-    must("for i in $(seq 400); do [ \"$(nmcli -t -f STATE general)\" = " + state +
-         " ] && exit; sleep 0.02; done; exit 1");
-    std::this_thread::sleep_for(200ms);
+void PlatformTest::add_wired(const std::string& more) {
+    must(
+        "nmcli -t connection add type ethernet con-name wired ifname eth0 ipv4.method manual "
+        "ipv4.addresses 10.9.0.2/24 ipv6.method disabled " +
+        more);
 }
 
-void PlatformTest::add_wired(const std::string& name, const std::string& more) {
-    must("nmcli -t connection add type ethernet con-name '" + name +
-         "' ifname eth0 ipv4.method manual ipv4.addresses 10.9.0.2/24 ipv6.method disabled " +
-         (more.empty() ? "ipv4.gateway 10.9.0.1" : more));
+void PlatformTest::connect_wired() {
+    add_wired();
+    must("nmcli connection up wired");
 }
-
-long time_of(const std::string& line) { return std::stol(line); }
 
 }  // namespace platform_linux_test
 

@@ -6,7 +6,6 @@
 #include "../support/linux_services.h"
 
 #include <chrono>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -15,35 +14,36 @@
 namespace platform_linux_test {
 
 using namespace std::chrono_literals;
+using test_support::LineProcess;
 using test_support::services;
 using test_support::shell;
 
 /** Long enough for a loaded machine; nothing that works takes nearly as long. */
 constexpr std::chrono::milliseconds PATIENCE = 8s;
 
-/** The probe program (probe.cpp), with events that tests wait for. */
-class Probe : public test_support::LineProcess {
+/** A program whose lines tests wait for. */
+class Program : public LineProcess {
 public:
-    /** @param prefix  a command to run it with, such as env(1) with arguments */
-    explicit Probe(std::vector<std::string> prefix = {}) : LineProcess(command(prefix)) {}
+    using LineProcess::LineProcess;
+
+    /** Waits for a line with a text, passing over others. */
+    testing::AssertionResult sees(const std::string& text);
+
+    /** No such line is there or comes within the time; forgets all others. */
+    testing::AssertionResult sees_no(const std::string& text, std::chrono::milliseconds time);
+};
+
+/** The probe (probe.cpp), whose lines are answers and events. */
+class Probe : public Program {
+public:
+    /** @param command  runs it, maybe through another such as env(1) */
+    explicit Probe(const std::vector<std::string>& command = {PROBE}) : Program(command) {}
 
     /** Sends a command and gives its answer, without the time and the command's name. */
     std::string ask(const std::string& command);
 
     /** Asks until the answer is this one. */
     testing::AssertionResult comes_to(const std::string& command, const std::string& answer);
-
-    /** Waits for an event, passing over others. */
-    testing::AssertionResult sees(const std::string& event);
-
-    /** No such event is there or comes within the time; forgets all others. */
-    testing::AssertionResult sees_no(const std::string& event, std::chrono::milliseconds time);
-
-private:
-    static std::vector<std::string> command(std::vector<std::string> prefix) {
-        prefix.emplace_back(PROBE);
-        return prefix;
-    }
 };
 
 /** Every service runs, no setting is set, no profile exists and the cable is plugged in. */
@@ -54,18 +54,16 @@ protected:
     /** Runs a shell command that has to succeed. */
     static void must(const std::string& command);
     static void service(const std::string& arguments);
-
     static void write_setting(const std::string& key, const std::string& value);
 
-    /** Waits until NetworkManager is in this state, and the platform has had time to see it. */
-    static void await_network(const std::string& state);
+    /** The cable is pulled out or plugged in, at its other end. */
+    static void set_cable(const std::string& up_or_down) { must("ip link set far0 " + up_or_down); }
 
     /** Adds a profile for the wired port, which NetworkManager activates at once. */
-    static void add_wired(const std::string& name, const std::string& more = "");
+    static void add_wired(const std::string& more = "ipv4.gateway 10.9.0.1");
+    /** The same, and it is active. */
+    static void connect_wired();
 };
-
-/** The microseconds that one of the probe's lines begins with. */
-long time_of(const std::string& line);
 
 }  // namespace platform_linux_test
 

@@ -22,260 +22,225 @@
 #include "system_information.h"
 
 #include <algorithm>
-#include <cinttypes>
 #include <csignal>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <functional>
-#include <map>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include <glib-unix.h>
+#include <glib.h>
 #include <unistd.h>
 
 namespace {
 
-/** What output parameters hold before a call. */
-constexpr int UNTOUCHED = -77;
-
-GMainLoop* main_loop = nullptr;
 connection_h connection = nullptr;
 std::vector<connection_profile_h> profiles;
 
-__attribute__((format(printf, 1, 2))) void say(const char* format, ...) {
-    printf("%" PRId64 " ", g_get_monotonic_time());
-    va_list arguments;
-    va_start(arguments, format);
-    vprintf(format, arguments);
-    va_end(arguments);
-    putchar('\n');
+void say(const std::string& text) {
+    printf("%s %s\n", std::to_string(g_get_monotonic_time()).c_str(), text.c_str());
     fflush(stdout);
 }
+
+/** A result and an output parameter's value, as an answer. */
+std::string pair(int result, int value) {
+    return std::to_string(result) + " " + std::to_string(value);
+}
+
+/** Room for an enumeration's value, beginning with one that no call may leave there. */
+struct Room {
+    static constexpr int UNTOUCHED = -77;
+    int value = UNTOUCHED;
+
+    template <typename Enumeration>
+    operator Enumeration*() {
+        static_assert(sizeof(Enumeration) == sizeof(int));
+        return reinterpret_cast<Enumeration*>(&value);
+    }
+};
 
 // --- Callbacks ---------------------------------------------------------------
 
 void on_setting(keynode_t* node, void* user_data) {
-    say("setting %s %d %d %s", vconf_keynode_get_name(node), vconf_keynode_get_type(node),
-        vconf_keynode_get_int(node), static_cast<const char*>(user_data));
+    say(std::string("setting ") + vconf_keynode_get_name(node) + " " +
+        pair(vconf_keynode_get_type(node), vconf_keynode_get_int(node)) + " " +
+        static_cast<const char*>(user_data));
 }
 
-void on_type(connection_type_e type, void* /*user_data*/) { say("type-changed %d", type); }
+void on_type(connection_type_e type, void* /*user_data*/) {
+    say("type-changed " + std::to_string(type));
+}
 
 void on_profile(connection_profile_state_e state, void* user_data) {
-    say("profile-changed %zu %d", reinterpret_cast<size_t>(user_data), static_cast<int>(state));
+    say("profile-changed " + pair(static_cast<int>(reinterpret_cast<intptr_t>(user_data)), state));
 }
 
 void on_signal(int /*number*/) {
     __dlog_print(PLATFORM_LOG_MAIN, PLATFORM_LOG_ERROR, "probe", "from a signal handler");
 }
 
-// --- Commands ----------------------------------------------------------------
+// --- Commands, which give their answers --------------------------------------
 
-void watch(std::istream& arguments) {
-    std::string key;
-    arguments >> key;
+/** What follows a command's name. */
+using Arguments = std::istream;
+
+template <typename Value = std::string>
+Value next(Arguments& arguments) {
+    Value value{};
+    arguments >> value;
+    return value;
+}
+
+std::string watch(Arguments& arguments) {
     static char first[] = "first";
     static char again[] = "again";
-    static std::vector<std::string> watched;
-    const bool known = std::find(watched.begin(), watched.end(), key) != watched.end();
-    watched.push_back(key);
-    say("watch %d", vconf_notify_key_changed(key.c_str(), on_setting, known ? again : first));
+    static std::set<std::string> watched;
+    const auto [key, is_new] = watched.insert(next(arguments));
+    return std::to_string(
+        vconf_notify_key_changed(key->c_str(), on_setting, is_new ? first : again));
 }
 
-void get(std::istream& arguments) {
-    std::string key;
-    arguments >> key;
-    int value = UNTOUCHED;
-    const int result = vconf_get_int(key.c_str(), &value);
-    say("get %d %d", result, value);
+std::string state(Arguments& arguments) {
+    const std::string name = next(arguments);
+    Room state;
+    int result = -1;
+    if (name == "wifi") result = connection_get_wifi_state(connection, state);
+    if (name == "cellular") result = connection_get_cellular_state(connection, state);
+    if (name == "ethernet") result = connection_get_ethernet_state(connection, state);
+    if (name == "bt") result = connection_get_bt_state(connection, state);
+    return pair(result, state.value);
 }
 
-/** Room for an enumeration's value, beginning with one that no enumeration has. */
-template <typename Enumeration>
-struct Room {
-    static_assert(sizeof(Enumeration) == sizeof(int));
-    int value = UNTOUCHED;
-    Enumeration* get() { return reinterpret_cast<Enumeration*>(&value); }
-};
-
-void type(std::istream& /*arguments*/) {
-    Room<connection_type_e> room;
-    const int result = connection_get_type(connection, room.get());
-    say("type %d %d", result, room.value);
-}
-
-template <typename State>
-void say_state(int (*query)(connection_h, State*)) {
-    Room<State> room;
-    const int result = query(connection, room.get());
-    say("state %d %d", result, room.value);
-}
-
-void state(std::istream& arguments) {
-    std::string name;
-    arguments >> name;
-    if (name == "wifi") say_state(connection_get_wifi_state);
-    if (name == "cellular") say_state(connection_get_cellular_state);
-    if (name == "ethernet") say_state(connection_get_ethernet_state);
-    if (name == "bt") say_state(connection_get_bt_state);
-}
-
-void watch_type(std::istream& /*arguments*/) {
-    say("watch-type %d", connection_set_type_changed_cb(connection, on_type, nullptr));
-}
-
-void list_profiles(std::istream& /*arguments*/) {
+std::string list_profiles() {
     connection_profile_iterator_h iterator = nullptr;
-    const int result =
-        connection_get_profile_iterator(connection, CONNECTION_ITERATOR_TYPE_REGISTERED, &iterator);
-    std::ostringstream list;
+    std::string list = std::to_string(connection_get_profile_iterator(
+        connection, CONNECTION_ITERATOR_TYPE_REGISTERED, &iterator));
     while (connection_profile_iterator_has_next(iterator)) {
         connection_profile_h profile = nullptr;
-        Room<connection_profile_type_e> type;
+        Room type;
         connection_profile_iterator_next(iterator, &profile);
-        connection_profile_get_type(profile, type.get());
+        connection_profile_get_type(profile, type);
         auto known = std::find(profiles.begin(), profiles.end(), profile);
         if (known == profiles.end()) known = profiles.insert(profiles.end(), profile);
-        list << ' ' << known - profiles.begin() << ':' << type.value;
+        list += " " + std::to_string(known - profiles.begin()) + ":" + std::to_string(type.value);
     }
     connection_destroy(iterator);
-    say("profiles %d%s", result, list.str().c_str());
+    return list;
 }
 
-void watch_profile(std::istream& arguments) {
-    size_t number = 0;
-    arguments >> number;
-    say("watch-profile %d", connection_profile_set_state_changed_cb(
-                                profiles.at(number), on_profile, reinterpret_cast<void*>(number)));
+std::string watch_profile(Arguments& arguments) {
+    const auto number = next<size_t>(arguments);
+    return std::to_string(connection_profile_set_state_changed_cb(profiles.at(number), on_profile,
+                                                                  reinterpret_cast<void*>(number)));
 }
 
-void unwatch_profile(std::istream& arguments) {
-    size_t number = 0;
-    arguments >> number;
-    say("unwatch-profile %d", connection_profile_unset_state_changed_cb(profiles.at(number)));
-}
-
-void misuse(std::istream& /*arguments*/) {
-    int integer = UNTOUCHED;
+/** Gives the calls that were accepted, by their order here, and whether anything was written. */
+std::string misuse() {
+    Room value;
+    void* given = nullptr;
     char* text = nullptr;
     connection_h gone = nullptr;
     connection_create(&gone);
     connection_destroy(gone);
-    Room<connection_type_e> connection_type;
-    Room<connection_wifi_state_e> wifi;
-    Room<connection_profile_type_e> profile_type;
-    connection_profile_iterator_h iterator = nullptr;
-    connection_profile_h profile = nullptr;
-    const std::map<std::string, int> results = {
-        {"notify without a callback", vconf_notify_key_changed("db/a", nullptr, nullptr)},
-        {"notify without a key", vconf_notify_key_changed(nullptr, on_setting, nullptr)},
-        {"notify of an empty key", vconf_notify_key_changed("", on_setting, nullptr)},
-        {"notify of a folder", vconf_notify_key_changed("db/a/", on_setting, nullptr)},
-        {"notify of a rooted key", vconf_notify_key_changed("/db/a", on_setting, nullptr)},
-        {"get of no key", vconf_get_int(nullptr, &integer)},
-        {"get into nothing", vconf_get_int("db/a", nullptr)},
-        {"create into nothing", connection_create(nullptr)},
-        {"destroy of null", connection_destroy(nullptr)},
-        {"destroy twice", connection_destroy(gone)},
-        {"type of a destroyed client", connection_get_type(gone, connection_type.get())},
-        {"type into nothing", connection_get_type(connection, nullptr)},
-        {"state of a destroyed client", connection_get_wifi_state(gone, wifi.get())},
-        {"callback on a destroyed client", connection_set_type_changed_cb(gone, on_type, nullptr)},
-        {"no callback", connection_set_type_changed_cb(connection, nullptr, nullptr)},
-        {"walk of a destroyed client",
-         connection_get_profile_iterator(gone, CONNECTION_ITERATOR_TYPE_REGISTERED, &iterator)},
-        {"next of null", connection_profile_iterator_next(nullptr, &profile)},
-        {"type of no profile", connection_profile_get_type(nullptr, profile_type.get())},
-        {"callback on no profile",
-         connection_profile_set_state_changed_cb(nullptr, on_profile, nullptr)},
-        {"no callback on no profile", connection_profile_unset_state_changed_cb(nullptr)},
-        {"another fact", system_info_get_value_string(1, &text)},
-        {"a fact into nothing",
-         system_info_get_value_string(SYSTEM_INFO_KEY_FIRMWARE_VERSION, nullptr)}};
-    for (const auto& [what, result] : results) {
-        if (result == 0) say("accepted: %s", what.c_str());
+    const int results[] = {
+        vconf_notify_key_changed("db/a", nullptr, nullptr),
+        vconf_notify_key_changed(nullptr, on_setting, nullptr),
+        vconf_notify_key_changed("", on_setting, nullptr),
+        vconf_notify_key_changed("db/a/", on_setting, nullptr),
+        vconf_notify_key_changed("/db/a", on_setting, nullptr),
+        vconf_get_int(nullptr, value),
+        vconf_get_int("db/a", nullptr),
+        connection_create(nullptr),
+        connection_destroy(nullptr),
+        connection_destroy(gone),
+        connection_get_type(gone, value),
+        connection_get_type(connection, nullptr),
+        connection_get_wifi_state(gone, value),
+        connection_set_type_changed_cb(gone, on_type, nullptr),
+        connection_set_type_changed_cb(connection, nullptr, nullptr),
+        connection_get_profile_iterator(gone, CONNECTION_ITERATOR_TYPE_REGISTERED, &given),
+        connection_profile_iterator_next(nullptr, &given),
+        connection_profile_get_type(nullptr, value),
+        connection_profile_set_state_changed_cb(nullptr, on_profile, nullptr),
+        connection_profile_unset_state_changed_cb(nullptr),
+        system_info_get_value_string(1, &text),
+        system_info_get_value_string(SYSTEM_INFO_KEY_FIRMWARE_VERSION, nullptr)};
+    std::string accepted;
+    for (size_t i = 0; i < std::size(results); ++i) {
+        if (results[i] == 0) accepted += "call " + std::to_string(i) + " ";
     }
-    const bool touched = integer != UNTOUCHED || text || connection_type.value != UNTOUCHED ||
-                         wifi.value != UNTOUCHED || iterator || profile ||
-                         profile_type.value != UNTOUCHED;
-    say("misuse %d", touched);
+    const bool written = value.value != Room::UNTOUCHED || given || text;
+    return accepted + (written ? "written" : "nothing");
 }
 
-void firmware(std::istream& /*arguments*/) {
+std::string firmware() {
     char* value = nullptr;
     const int result = system_info_get_value_string(SYSTEM_INFO_KEY_FIRMWARE_VERSION, &value);
-    say("firmware %d %s", result, value ? value : "-");
+    const std::string answer = std::to_string(result) + " " + (value ? value : "-");
     free(value);
+    return answer;
 }
 
-void log(std::istream& arguments) {
-    int priority = 0;
-    std::string message;
-    arguments >> priority;
-    arguments.get();
-    std::getline(arguments, message);
-    say("log %d", __dlog_print(PLATFORM_LOG_MAIN, priority, "probe", "%s", message.c_str()));
+std::string log(int priority, const std::string& message) {
+    return std::to_string(
+        __dlog_print(PLATFORM_LOG_MAIN, priority, "probe", "%s", message.c_str()));
 }
 
-void log_burst(std::istream& arguments) {
-    int count = 0;
-    arguments >> count;
-    for (int i = 0; i < count; ++i) {
-        __dlog_print(PLATFORM_LOG_MAIN, PLATFORM_LOG_NORMAL, "probe", "burst %d", i);
+std::string execute(const std::string& name, Arguments& arguments) {
+    Room value;
+    if (name == "watch") return watch(arguments);
+    if (name == "get") {
+        const int result = vconf_get_int(next(arguments).c_str(), value);
+        return pair(result, value.value);
     }
-    say("log-burst");
-}
-
-void block(std::istream& arguments) {
-    std::string file;
-    arguments >> file;
-    while (access(file.c_str(), F_OK) != 0) g_usleep(1000);
-    say("block");
-}
-
-void execute(const std::string& line) {
-    static const std::map<std::string, std::function<void(std::istream&)>> commands = {
-        {"watch", watch},
-        {"get", get},
-        {"type", type},
-        {"state", state},
-        {"watch-type", watch_type},
-        {"profiles", list_profiles},
-        {"watch-profile", watch_profile},
-        {"unwatch-profile", unwatch_profile},
-        {"misuse", misuse},
-        {"firmware", firmware},
-        {"log", log},
-        {"log-burst", log_burst},
-        {"block", block}};
-    std::istringstream arguments(line);
-    std::string name;
-    arguments >> name;
-    const auto command = commands.find(name);
-    if (command == commands.end()) {
-        say("unknown command %s", name.c_str());
-    } else {
-        command->second(arguments);
+    if (name == "type") {
+        const int result = connection_get_type(connection, value);
+        return pair(result, value.value);
     }
+    if (name == "state") return state(arguments);
+    if (name == "watch-type") {
+        return std::to_string(connection_set_type_changed_cb(connection, on_type, nullptr));
+    }
+    if (name == "profiles") return list_profiles();
+    if (name == "watch-profile") return watch_profile(arguments);
+    if (name == "unwatch-profile") {
+        const auto profile = profiles.at(next<size_t>(arguments));
+        return std::to_string(connection_profile_unset_state_changed_cb(profile));
+    }
+    if (name == "misuse") return misuse();
+    if (name == "firmware") return firmware();
+    if (name == "log") {
+        const int priority = next<int>(arguments);
+        std::string message;
+        std::getline(arguments.ignore(), message);
+        return log(priority, message);
+    }
+    if (name == "log-burst") {
+        const int count = next<int>(arguments);
+        for (int i = 0; i < count; ++i) log(PLATFORM_LOG_NORMAL, "burst " + std::to_string(i));
+        return "done";
+    }
+    if (name == "block") {
+        const std::string file = next(arguments);
+        while (access(file.c_str(), F_OK) != 0) g_usleep(1000);
+        return "done";
+    }
+    return "is no command";
 }
 
-gboolean on_input(int descriptor, GIOCondition /*condition*/, void* /*user_data*/) {
-    static std::string buffer;
-    char chunk[4096];
-    const ssize_t size = read(descriptor, chunk, sizeof chunk);
-    if (size <= 0) {
-        g_main_loop_quit(main_loop);
+gboolean on_input(GIOChannel* input, GIOCondition /*condition*/, void* main_loop) {
+    char* line = nullptr;
+    gsize end = 0;
+    g_io_channel_read_line(input, &line, nullptr, &end, nullptr);
+    if (!line) {
+        g_main_loop_quit(static_cast<GMainLoop*>(main_loop));
         return G_SOURCE_REMOVE;
     }
-    buffer.append(chunk, static_cast<size_t>(size));
-    for (size_t end = buffer.find('\n'); end != std::string::npos; end = buffer.find('\n')) {
-        const std::string line = buffer.substr(0, end);
-        buffer.erase(0, end + 1);
-        execute(line);
-    }
+    std::istringstream arguments(std::string(line, end));
+    g_free(line);
+    const std::string name = next(arguments);
+    say(name + " " + execute(name, arguments));
     return G_SOURCE_CONTINUE;
 }
 
@@ -283,11 +248,13 @@ gboolean on_input(int descriptor, GIOCondition /*condition*/, void* /*user_data*
 
 int main() {
     signal(SIGUSR1, on_signal);
-    main_loop = g_main_loop_new(nullptr, FALSE);
-    const int result = connection_create(&connection);
-    say("ready %d", result);
-    g_unix_fd_add(STDIN_FILENO, G_IO_IN, on_input, nullptr);
+    GMainLoop* main_loop = g_main_loop_new(nullptr, FALSE);
+    say("ready " + std::to_string(connection_create(&connection)));
+    GIOChannel* input = g_io_channel_unix_new(STDIN_FILENO);
+    g_io_channel_set_encoding(input, nullptr, nullptr);
+    g_io_add_watch(input, static_cast<GIOCondition>(G_IO_IN | G_IO_HUP), on_input, main_loop);
     g_main_loop_run(main_loop);
+    g_io_channel_unref(input);
     connection_destroy(connection);
     g_main_loop_unref(main_loop);
     return 0;

@@ -4,10 +4,13 @@
  */
 #include "platform_test.h"
 
+#include <memory>
+
 namespace platform_linux_test {
 
 namespace {
 
+const std::string NAME = "org.freedesktop.NetworkManager";
 const std::string ROOT = "/org/freedesktop/NetworkManager";
 
 struct Radio {
@@ -21,8 +24,6 @@ struct Radio {
     int connected;
 };
 
-void PrintTo(const Radio& radio, std::ostream* stream) { *stream << radio.name; }
-
 }  // namespace
 
 class RadioTest : public PlatformTest, public testing::WithParamInterface<Radio> {
@@ -31,68 +32,57 @@ protected:
         PlatformTest::SetUp();
         if (IsSkipped()) return;
         service("stop network");
-        mock_ = std::make_unique<test_support::LineProcess>(std::vector<std::string>{
+        mock_ = std::make_unique<LineProcess>(std::vector<std::string>{
             "/usr/bin/python3", "-m", "dbusmock", "--system", "--template", "networkmanager"});
         // It has its name some time before it has its objects.
-        must(
-            "for i in $(seq 500); do gdbus introspect --system -d org.freedesktop.NetworkManager "
-            "-o " +
-            ROOT + "/Settings | grep -q AddConnection && exit; sleep 0.02; done; exit 1");
-        mock(ROOT, "AddProperty",
-             "org.freedesktop.NetworkManager PrimaryConnection \"<objectpath '/'>\"");
+        must("for i in $(seq 500); do gdbus introspect --system -d " + NAME + " -o " + ROOT +
+             "/Settings | grep -q AddConnection && exit; sleep 0.02; done; exit 1");
+        call("", "DBus.Mock.AddProperty", NAME + " PrimaryConnection \"<objectpath '/'>\"");
     }
 
-    /** Calls a method of the stand-in, with arguments as gdbus(1) takes them. */
-    static void mock(const std::string& path, const std::string& method,
+    /** Calls a method of one of the stand-in's objects, with arguments as gdbus(1) takes them. */
+    static void call(const std::string& object, const std::string& method,
                      const std::string& arguments) {
-        must("gdbus call --system -d org.freedesktop.NetworkManager -o " + path +
-             " -m org.freedesktop.DBus.Mock." + method + " " + arguments);
+        must("gdbus call --system -d " + NAME + " -o " + ROOT + object + " -m org.freedesktop." +
+             method + " " + arguments);
     }
 
-    static void set_device_state(int state) {
-        mock(ROOT + "/Devices/radio", "UpdateProperties",
-             "org.freedesktop.NetworkManager.Device \"{'State': <uint32 " + std::to_string(state) +
-                 ">}\"");
+    static void set(const std::string& object, const std::string& interface,
+                    const std::string& property, int value) {
+        call(
+            object, "DBus.Mock.UpdateProperties",
+            NAME + interface + " \"{'" + property + "': <uint32 " + std::to_string(value) + ">}\"");
     }
-
+    static void set_device_state(int state) { set("/Devices/radio", ".Device", "State", state); }
     static void set_active_state(int state) {
-        mock(ROOT + "/ActiveConnection/0", "UpdateProperties",
-             "org.freedesktop.NetworkManager.Connection.Active \"{'State': <uint32 " +
-                 std::to_string(state) + ">}\"");
+        set("/ActiveConnection/0", ".Connection.Active", "State", state);
     }
-
     static void set_primary(const std::string& path) {
-        must("gdbus call --system -d org.freedesktop.NetworkManager -o " + ROOT +
-             " -m org.freedesktop.DBus.Properties.Set org.freedesktop.NetworkManager "
-             "PrimaryConnection \"<objectpath '" +
-             path + "'>\"");
+        call("", "DBus.Properties.Set",
+             NAME + " PrimaryConnection \"<objectpath '" + path + "'>\"");
     }
 
-    std::unique_ptr<test_support::LineProcess> mock_;
+    std::unique_ptr<LineProcess> mock_;
 };
 
 TEST_P(RadioTest, FromNoConnectionToOneAndBack) {
     const Radio& radio = GetParam();
-    const std::string name = radio.name;
-    const std::string state = "state " + name;
+    const std::string state = std::string("state ") + radio.name;
     Probe probe;
     ASSERT_EQ(probe.ask("watch-type"), "0");
     EXPECT_EQ(probe.ask(state), "0 0") << "no such device";
 
-    mock(ROOT, "AddWiFiDevice", "radio radio0 30");
-    mock(ROOT + "/Devices/radio", "UpdateProperties",
-         "org.freedesktop.NetworkManager.Device \"{'DeviceType': <uint32 " +
-             std::to_string(radio.device_type) + ">}\"");
-    must("gdbus call --system -d org.freedesktop.NetworkManager -o " + ROOT +
-         "/Settings -m org.freedesktop.NetworkManager.Settings.AddConnection \"{'connection': "
-         "{'id': <'mine'>, 'uuid': <'a-uuid'>, 'type': <'" +
-         radio.connection_type + "'>}}\"");
+    call("", "DBus.Mock.AddWiFiDevice", "radio radio0 30");
+    set("/Devices/radio", ".Device", "DeviceType", radio.device_type);
+    call("/Settings", "NetworkManager.Settings.AddConnection",
+         std::string("\"{'connection': {'id': <'mine'>, 'uuid': <'a-uuid'>, 'type': <'") +
+             radio.connection_type + "'>}}\"");
     EXPECT_TRUE(probe.comes_to(state, "0 1"));
     EXPECT_TRUE(probe.comes_to("profiles", "0 0:" + std::to_string(radio.profile_type)));
     ASSERT_EQ(probe.ask("watch-profile 0"), "0");
 
     // Activating, in the order that NetworkManager goes through.
-    mock(ROOT, "AddActiveConnection",
+    call("", "DBus.Mock.AddActiveConnection",
          "\"['" + ROOT + "/Devices/radio']\" " + ROOT + "/Settings/0 / \"'0'\" 1");
     set_device_state(50);
     EXPECT_TRUE(probe.sees("profile-changed 0 1"));

@@ -71,46 +71,32 @@ bool LineProcess::read_some(Milliseconds limit) {
     char chunk[4096];
     const ssize_t size = read(output_, chunk, sizeof chunk);
     if (size <= 0) return false;
-    partial_.append(chunk, static_cast<size_t>(size));
     transcript_.append(chunk, static_cast<size_t>(size));
-    for (size_t end = partial_.find('\n'); end != std::string::npos; end = partial_.find('\n')) {
-        lines_.push_back(partial_.substr(0, end));
-        partial_.erase(0, end + 1);
-    }
     return true;
 }
 
 std::optional<std::string> LineProcess::await(const std::string& text, Milliseconds limit) {
-    return take(text, limit, true);
+    return find(text, forgotten_, limit);
 }
 
-std::optional<std::string> LineProcess::pick(const std::string& text, Milliseconds limit) {
-    return take(text, limit, false);
+std::optional<std::string> LineProcess::ask(const std::string& line, const std::string& text,
+                                            Milliseconds limit) {
+    size_t from = transcript_.rfind('\n') + 1;
+    send(line);
+    return find(text, from, limit);
 }
 
-std::optional<std::string> LineProcess::take(const std::string& text, Milliseconds limit,
-                                             bool forget) {
+std::optional<std::string> LineProcess::find(const std::string& text, size_t& from,
+                                             Milliseconds limit) {
     const Clock::time_point end = Clock::now() + limit;
     for (;;) {
-        const auto found = std::find_if(
-            lines_.begin(), lines_.end(),
-            [&text](const std::string& line) { return line.find(text) != std::string::npos; });
-        if (found != lines_.end()) {
-            std::string line = *found;
-            lines_.erase(forget ? lines_.begin() : found, found + 1);
-            return line;
+        for (size_t next; (next = transcript_.find('\n', from) + 1) != 0;) {
+            const std::string line = transcript_.substr(from, next - 1 - from);
+            from = next;
+            if (line.find(text) != std::string::npos) return line;
         }
         if (!read_some(left(end)) && (Clock::now() >= end || !alive())) return std::nullopt;
     }
-}
-
-std::vector<std::string> LineProcess::collect(Milliseconds time) {
-    const Clock::time_point end = Clock::now() + time;
-    while (read_some(left(end)) || (Clock::now() < end && alive())) {
-    }
-    std::vector<std::string> lines(lines_.begin(), lines_.end());
-    lines_.clear();
-    return lines;
 }
 
 bool LineProcess::alive() {
@@ -129,8 +115,8 @@ int LineProcess::finish() {
     return WIFEXITED(status_) ? WEXITSTATUS(status_) : 128 + WTERMSIG(status_);
 }
 
-Outcome run(const std::vector<std::string>& command) {
-    LineProcess process(command);
+Outcome shell(const std::string& command) {
+    LineProcess process({"sh", "-c", command});
     const int status = process.finish();
     return {status, process.transcript()};
 }

@@ -3,7 +3,6 @@
 #define TEST_SUPPORT_LINE_PROCESS_H
 
 #include <chrono>
-#include <deque>
 #include <optional>
 #include <string>
 #include <vector>
@@ -13,8 +12,8 @@
 namespace test_support {
 
 /**
- * Runs a program with its standard streams on pipes. Its output is kept until it
- * is asked for. Ends the program (SIGKILL) when it goes out of scope.
+ * Runs a program with its standard streams on pipes. Ends the program (SIGKILL)
+ * when it goes out of scope.
  */
 class LineProcess {
 public:
@@ -28,16 +27,14 @@ public:
     void send(const std::string& line);
 
     /**
-     * Takes the oldest line that holds the text, waiting for one, and forgets
-     * the lines before it. Nothing when none comes in time.
+     * Takes the oldest line that holds the text, waiting for one, and forgets the
+     * lines before it: all of them, and gives nothing, when none comes in time.
      */
     std::optional<std::string> await(const std::string& text, Milliseconds limit);
 
-    /** The same, but keeps the lines before it. */
-    std::optional<std::string> pick(const std::string& text, Milliseconds limit);
-
-    /** Takes every line that is there or comes within the time. */
-    std::vector<std::string> collect(Milliseconds time);
+    /** Sends a line and waits for one that holds the text; forgets none. */
+    std::optional<std::string> ask(const std::string& line, const std::string& text,
+                                   Milliseconds limit);
 
     /** What the program has printed in all, for messages about failures. */
     const std::string& transcript() const { return transcript_; }
@@ -49,16 +46,15 @@ public:
     int finish();
 
 private:
-    std::optional<std::string> take(const std::string& text, Milliseconds limit, bool forget);
+    std::optional<std::string> find(const std::string& text, size_t& from, Milliseconds limit);
     bool read_some(Milliseconds limit);
 
     pid_t pid_ = -1;
     int status_ = -1;
     int input_ = -1;
     int output_ = -1;
-    std::string partial_;
-    std::deque<std::string> lines_;
     std::string transcript_;
+    size_t forgotten_ = 0;  // so much of it
 };
 
 struct Outcome {
@@ -68,8 +64,8 @@ struct Outcome {
     std::string output;
 };
 
-/** Runs a program to its end, without a shell. */
-Outcome run(const std::vector<std::string>& command);
+/** Runs a shell command to its end. */
+Outcome shell(const std::string& command);
 
 }  // namespace test_support
 

@@ -21,9 +21,6 @@ bool in_linux_services();
 /** Why a test has to be skipped where it is not. */
 extern const char* const NO_NAMESPACES;
 
-/** Runs a shell command to its end. */
-Outcome shell(const std::string& command);
-
 /** device/linux-services with these arguments, such as "kill network". */
 Outcome services(const std::string& arguments);
 
