@@ -5,10 +5,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <filesystem>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -80,6 +82,12 @@ TEST_F(Replace, UsersFileIsCopied) {
     expect_replaced(false);
 }
 
+TEST_F(Replace, FileOnAnotherFileSystemIsCopied) {
+    ASSERT_EQ(mount("data", device().at(agent_data).c_str(), "tmpfs", 0, "mode=0755"), 0);
+    device().put_image(downloaded_image, "2.0");
+    expect_replaced(false);
+}
+
 TEST_F(Replace, FileInAUsersDirectoryIsCopied) {
     device().give(agent_data, user, user);
     expect_replaced(false);
@@ -148,6 +156,29 @@ TEST_F(Install, LibraryIsARootsFileAndTemporariesGo) {
     EXPECT_TRUE(ended(device().run(library_words), 66));
     device().make_directory(mounted_library);
     EXPECT_TRUE(ended(device().run(library_words), 65));
+}
+
+// Mapped as by a process that has it loaded.
+TEST_F(Install, LoadedLibraryIsNeverWrittenInto) {
+#ifdef __SANITIZE_ADDRESS__
+    constexpr int replacements = 50;
+#else
+    constexpr int replacements = 1000;
+#endif
+    device().put_tree(mount_point, "1.0");
+    ASSERT_TRUE(ended(device().run(library_words), 0));
+    const std::string old = device().read(agent_library);
+    const int fd = open(device().at(agent_library).c_str(), O_RDONLY);
+    void* loaded = mmap(nullptr, old.size(), PROT_READ | PROT_EXEC, MAP_PRIVATE, fd, 0);
+    ASSERT_NE(loaded, MAP_FAILED);
+    device().write(mounted_library, std::string(old.size(), '\xcc'));
+    for (int i = 0; i < replacements; ++i) {
+        ASSERT_TRUE(ended(device().run(library_words), 0)) << i;
+    }
+    EXPECT_EQ(memcmp(loaded, old.data(), old.size()), 0);
+    EXPECT_NE(device().read(agent_library), old);
+    munmap(loaded, old.size());
+    close(fd);
 }
 
 TEST_F(Install, WhatIsWrittenLasts) {

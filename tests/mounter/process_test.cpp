@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <vector>
 
 #include <fcntl.h>
 #include <grp.h>
@@ -58,6 +59,28 @@ TEST_F(Start, WrongUsageIsOneLineAndTouchesNothing) {
         EXPECT_TRUE(ended(device().run(words), 64));
     }
     EXPECT_FALSE(device().exists("/run/ad-mounter"));
+}
+
+TEST_F(Start, EmptyArgumentVectorAndHostileEnvironmentChangeNothing) {
+    const auto execute = [](std::vector<const char*> argv, std::vector<const char*> environment) {
+        argv.push_back(nullptr);
+        environment.push_back(nullptr);
+        execve("/tool/ad-mounter", const_cast<char**>(argv.data()),
+               const_cast<char**>(environment.data()));
+    };
+    EXPECT_TRUE(ended(device().run({}, [&] { execute({}, {}); }), 64));
+    device().write("/stage/evil.so", "not a library");
+    std::vector<const char*> hostile = {"PATH=/home", "IFS=/"};
+#ifndef __SANITIZE_ADDRESS__
+    // A dynamic loader would complain about these.
+    hostile.insert(hostile.end(), {"LD_PRELOAD=/stage/evil.so", "LD_LIBRARY_PATH=/stage",
+                                   "LD_AUDIT=/stage/evil.so", "MALLOC_CHECK_=3"});
+#endif
+    const auto create = [&] {
+        execute({"ad-mounter", "--create", "create_path_usr_lib"}, hostile);
+    };
+    EXPECT_TRUE(ended(device().run({}, create), 0));
+    EXPECT_TRUE(device().exists(usr_lib));
 }
 
 TEST_F(Start, HelpAndVersionTellTheTable) {
