@@ -149,6 +149,11 @@ protected:
                 prepare_state();
                 size_t seen = 0;
                 const Result result = disturb(interesting, at, error, seen);
+                if (seen <= at) {
+                    // Another test took the loop device in the counted run, which tried again.
+                    EXPECT_TRUE(ended(result, 0));
+                    continue;
+                }
                 SCOPED_TRACE(disturbed_ + ": " + (error == killed ? "killed" : strerror(error)) +
                              ", point " + std::to_string(at));
                 EXPECT_EQ(result.status == -SIGKILL, error == killed);
