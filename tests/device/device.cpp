@@ -146,7 +146,7 @@ std::string Device::image_tree(const std::string& version, const std::string& ma
 }
 
 void Device::start(const std::string& options) const {
-    command("start --preload " SHORT_WAITS " " + options);
+    command("start --preload '" SHORT_WAITS "' " + options);
 }
 
 bool Device::boot(const std::string& text, const std::string& options) const {
