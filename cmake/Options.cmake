@@ -4,6 +4,7 @@ option(ADAGENTD_TESTS "Build the tests" ON)
 option(ADAGENTD_BENCH "Build the benchmarks" OFF)
 option(ADAGENTD_WERROR "Treat warnings as errors" OFF)
 option(ADAGENTD_SANITIZE "Build with Address- and UndefinedBehaviorSanitizer" OFF)
+option(ADAGENTD_COVERAGE "Count executed lines; see ./test --coverage" OFF)
 
 if(NOT CMAKE_BUILD_TYPE)
   set(CMAKE_BUILD_TYPE Release)
@@ -31,6 +32,10 @@ if(ADAGENTD_SANITIZE)
   add_compile_options(-O1 -g -fno-omit-frame-pointer -fsanitize=address,undefined
                       -fno-sanitize-recover=all)
   add_link_options(-fsanitize=address,undefined)
+elseif(ADAGENTD_COVERAGE)
+  # Atomic, since the counters of forked and threaded programs are merged.
+  add_compile_options(--coverage -fprofile-update=atomic)
+  add_link_options(--coverage)
 else()
   # For size: the daemon and its libraries wait most of their lives, and their
   # pages are what they cost a small device meanwhile.
