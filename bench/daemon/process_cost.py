@@ -73,10 +73,11 @@ def main():
                 times[name].append(started.start_ms)
     start = {name: statistics.median(values) for name, values in times.items()}
     print(f"start until ad_agent_init returned: {start['daemon']:.2f} ms; empty program "
-          f"{start['empty']:.2f} ms; difference {start['daemon'] - start['empty']:.2f} ms (aim: 10)")
+          f"{start['empty']:.2f} ms; difference {start['daemon'] - start['empty']:.2f} ms "
+          f"(aim: 10)")
 
     cost = {name: idle_cost(*program) for name, program in programs.items()}
-    (dirty, resident, wakeups), empty, cpp = (cost[name] for name in ("daemon", "empty", "empty_cpp"))
+    (dirty, resident, wakeups), empty, cpp = (cost[name] for name in programs)
     print(f"private dirty memory: {dirty} kB; empty program {empty[0]} kB; empty C++ program "
           f"{cpp[0]} kB; {dirty - cpp[0]} kB above it (aim: 200)")
     print(f"resident memory: {resident} kB; empty program {empty[1]} kB, ratio "

@@ -1,4 +1,4 @@
-"""Looks at the linked release of the daemon: its symbols, its imports, its size and its run path."""
+"""Looks at the linked release of the daemon: its symbols, its size and its run path."""
 
 import os
 import pathlib
