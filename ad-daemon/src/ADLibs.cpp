@@ -18,8 +18,7 @@ bool CADLibs::Start(std::string strLibName) {
         AD_LOG_ERR("ERROR: Input lib so name is empty");
     } else {
         m_sDlHandle = dlopen(strLibName.c_str(), RTLD_LAZY);
-        // The loader's word decides, and asking once also clears its error
-        // for the lookups that follow.
+        // dlerror(3) decides, not the handle, and reading it clears it for the lookups.
         const char* pError = dlerror();
         if (pError) {
             AD_LOG_ERR("ERROR: Can't dlopen %s and error code is %s", strLibName.c_str(), pError);
@@ -82,7 +81,7 @@ void* CADLibs::GetAdAgentUnRegister() {
 }
 
 void* CADLibs::GetAdAgentRequest() {
-    // Logs of the field are searched for this line under its neighbour's name.
+    // The message names GetAdAgentUnRegister; the lookup does not.
     AD_LOG("[CADLibs] GetAdAgentUnRegister");
     return m_GetHanlder("ad_agent_request");
 }

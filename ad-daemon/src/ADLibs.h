@@ -1,20 +1,18 @@
 /**
- * The binding to the agent library: opens it with the dynamic loader and
- * hands out the addresses of its entry points.
+ * The binding to the agent library: opens it with the dynamic loader and looks
+ * up its entry points.
  */
-#ifndef AD_LIBS_H
-#define AD_LIBS_H
+#pragma once
 
 #include <string>
 
-/** What the entry points look like that the daemon calls; their results are not examined, but for
- * the update's. */
+/** The entry points that the daemon calls. It ignores every result but the update's. */
 typedef int (*FnAgentInit)();
 typedef int (*FnAgentClear)();
-/** Takes the installed image's version; non-zero when a newer image was downloaded. */
+/** Takes the stored image's version; returns non-zero when it has downloaded a newer image. */
 typedef int (*FnAgentUpdate)(const char*);
 typedef int (*FnAgentSetSoVersion)(const char*);
-/** Writes at most 19 characters and a NUL. */
+/** Writes a version of at most 19 characters and a NUL. */
 typedef int (*FnAgentGetSoVersion)(char*);
 /** Takes a service URL path. */
 typedef int (*FnAgentConfigServer)(const char*);
@@ -28,16 +26,16 @@ public:
     CADLibs& operator=(const CADLibs&) = delete;
 
     /**
-     * Opens a library file; see dlopen(3). An earlier one is not closed.
-     * @return false, with a log line, when the loader reports an error
+     * Opens a library file; see dlopen(3). Does not close one opened before.
+     * @return false, with an error logged, when the loader reports one
      */
     bool Start(std::string strLibName);
 
     /** Closes the library, if one is open. */
     void Destory();
 
-    // Each gives the address of one exported function, or null with a log line
-    // when no library is open or the library lacks it. Nothing is cached.
+    // Each looks up one entry point, on every call. Returns null, with an error
+    // logged, when no library is open or the library lacks the entry point.
     void* GetAdAgentInit();
     void* GetAdAgentClear();
     void* GetAdAgentRegister();
@@ -52,11 +50,9 @@ public:
     void* GetAdAgentPsidGet();
     void* GetAdAgentConfigServer();
 
-    /** Looks one exported symbol up by name; see dlsym(3). */
+    /** Looks up an exported symbol; see dlsym(3). */
     void* m_GetHanlder(std::string sHanderName);
 
 private:
     void* m_sDlHandle;
 };
-
-#endif

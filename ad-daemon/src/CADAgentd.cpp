@@ -1,6 +1,8 @@
 #include "CADAgentd.h"
 
+#include "ADFile.h"
 #include "ADLog.h"
+#include "ADManifest.h"
 #include "ADPaths.h"
 #include "ADUtils.h"
 #include "system_information.h"
@@ -9,12 +11,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <new>
-#include <sstream>
 
-#include <tinyxml.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -23,20 +23,14 @@ constexpr const char* CONSENT_KEY = "db/menu/kelo_home/homedatacontrol/defaultdi
 constexpr const char* LANGUAGE_KEY = "db/menu_widget/language";
 constexpr int CONSENT_AGREED = 1;
 
-constexpr const char* SETTINGS_READY_FILE = "/tmp/vconf_ready";
-constexpr const char* FIRMWARE_VERSION_FILE = "/opt/media/Documents/adagentversion.txt";
-
-constexpr const char* FIRMWARE_MANIFEST = "/usr/bin/zels/zelADAgent/zelADAgent.xml";
-constexpr const char* CACHE_MANIFEST = "/opt/usr/apps/adagent/zelADAgentCache.xml";
-
-/** The services whose configuration the agent library is told to fetch, in this order. */
+/** The services whose configuration the agent library fetches, in this order. */
 constexpr const char* TILE_SERVICE_PATH = "/TileAd/v2";
 constexpr const char* APPS_SERVICE_PATH = "/AppsAd/v2";
 
-/** Stands for a version that cannot be read. */
+/** The version of an image or a library whose version cannot be read. */
 constexpr const char* UNKNOWN_VERSION = "0.00";
 
-/** The agent library writes its version into a buffer of this size without being told it. */
+/** The size of the buffer for the agent library's version; the entry point takes no length. */
 constexpr size_t SO_VERSION_SIZE = 20;
 
 constexpr int NETWORK_TRIES = 3;
@@ -45,15 +39,34 @@ constexpr useconds_t SETTINGS_POLL_US = 10000;
 constexpr useconds_t BETWEEN_REQUESTS_US = 4000000;
 constexpr useconds_t BEFORE_UPDATE_US = 10000000;
 
-/** An address from the binding as the function that it is. */
+/** Casts an address from the binding to the entry point's type. */
 template <typename Fn>
 Fn ToFunction(void* pAddress) {
     return reinterpret_cast<Fn>(pAddress);
 }
 
-/** Versions are decimal fractions: 2.10 is lower than 2.9. No text counts as 0. */
+/** Versions are decimal fractions: 2.10 is lower than 2.9. An empty text is 0. */
 float ToNumber(const std::string& strVersion) {
     return strVersion.empty() ? 0.0F : static_cast<float>(strtod(strVersion.c_str(), nullptr));
+}
+
+/** Has the agent library fetch the configuration of every service. */
+void FetchConfiguration(FnAgentConfigServer fnAgentConfigServer) {
+    fnAgentConfigServer(TILE_SERVICE_PATH);
+    fnAgentConfigServer(APPS_SERVICE_PATH);
+}
+
+/** The name of a node's key; for a node without one, what printf(3) makes of null. */
+const char* GetKeyName(keynode_t* pNode) {
+    const char* pName = vconf_keynode_get_name(pNode);
+    return pName ? pName : "(null)";
+}
+
+/** Opens the version file for writing unless it is a FIFO, whose opening may block, or a device. */
+FILE* CreateVersionFile() {
+    struct stat sInfo = {};
+    if (stat(AD_FIRMWARE_VERSION_FILE, &sInfo) == 0 && !S_ISREG(sInfo.st_mode)) return nullptr;
+    return fopen(AD_FIRMWARE_VERSION_FILE, "w");
 }
 
 }  // namespace
@@ -79,33 +92,31 @@ void CADAgentd::t_Initialize() {
         m_WriteFirmVersion();
     }
 
+    CADLibs* pNewLibs = nullptr;
     const std::string strSoFile = m_GetValidSoFile();
     if (!strSoFile.empty()) {
         AD_LOG("t_Initialize so file is %s", strSoFile.c_str());
         if (!m_pADLibHandler) {
-            m_pADLibHandler = new (std::nothrow) CADLibs();
-            if (!m_pADLibHandler) {
-                AD_LOG_ERR("New CADLibs failed");
-            } else {
-                const bool bDownloaded = check_existed(AD_OPT_LIB_FWK_FILE) != 0;
-                if (bDownloaded && m_pADLibHandler->Start(AD_OPT_LIB_FWK_FILE)) {
-                    AD_LOG("Successfully get so");
-                } else {
-                    AD_LOG("Successfully get /usr/lib agent so");
-                    m_pADLibHandler->Start(AD_FIRMWARE_LIB_FWK_FILE);
-                    if (bDownloaded) {
-                        AD_LOG("Remove adagent /opt/usr/lib");
-                        if (check_existed(AD_OPT_LIB_PATH)) {
-                            ad_remove_lib_so_path("remove_usr_lib_file");
-                        }
-                        m_WriteFirmVersion();
-                    }
-                }
-
-                const auto fnAgentInit = ToFunction<FnAgentInit>(m_pADLibHandler->GetAdAgentInit());
-                if (fnAgentInit) fnAgentInit();
-            }
+            pNewLibs = m_pADLibHandler = new (std::nothrow) CADLibs();
+            if (!pNewLibs) AD_LOG_ERR("New CADLibs failed");
         }
+    }
+    if (pNewLibs) {
+        const bool bDownloaded = check_existed(AD_OPT_LIB_FWK_FILE) != 0;
+        const bool bLoaded = bDownloaded && pNewLibs->Start(AD_OPT_LIB_FWK_FILE);
+        if (bLoaded) {
+            AD_LOG("Successfully get so");
+        } else {
+            AD_LOG("Successfully get /usr/lib agent so");
+            pNewLibs->Start(AD_FIRMWARE_LIB_FWK_FILE);
+        }
+        if (bDownloaded && !bLoaded) {
+            AD_LOG("Remove adagent /opt/usr/lib");
+            if (check_existed(AD_OPT_LIB_PATH)) ad_remove_lib_so_path("remove_usr_lib_file");
+            m_WriteFirmVersion();
+        }
+        const auto fnAgentInit = ToFunction<FnAgentInit>(pNewLibs->GetAdAgentInit());
+        if (fnAgentInit) fnAgentInit();
     }
 
     const int nRet = connection_create(&m_hConnection);
@@ -162,6 +173,7 @@ void CADAgentd::Destory() {
 bool CADAgentd::m_IsValidNetwork() {
     connection_type_e eType = CONNECTION_TYPE_DISCONNECTED;
     if (connection_get_type(m_hConnection, &eType) != 0) {
+        eType = CONNECTION_TYPE_DISCONNECTED;
         AD_LOG_ERR("Get connection type error");
     } else {
         AD_LOG("connection type: %d", eType);
@@ -210,10 +222,10 @@ connection_profile_h CADAgentd::m_GetConnectionProfile() {
 
     connection_type_e eType = CONNECTION_TYPE_DISCONNECTED;
     if (connection_get_type(m_hConnection, &eType) != 0) {
+        eType = CONNECTION_TYPE_DISCONNECTED;
         AD_LOG_ERR("Get connection type error");
     } else {
-        // In red, so that the type a profile was chosen for stands out.
-        AD_LOG_ERR("connection type: %d", eType);
+        AD_LOG_ERR("connection type: %d", eType);  // at the error level on success as well
     }
 
     connection_profile_type_e eWanted = CONNECTION_PROFILE_TYPE_ETHERNET;
@@ -245,7 +257,7 @@ connection_profile_h CADAgentd::m_GetConnectionProfile() {
         return nullptr;
     }
 
-    // Without a profile of the wanted type, the last one of the walk is it.
+    // Without a profile of the wanted type, the last one taken is the result.
     while (connection_profile_iterator_has_next(hIterator)) {
         if (connection_profile_iterator_next(hIterator, &hProfile) != 0) {
             AD_LOG_ERR("Fail to get profile handle");
@@ -331,7 +343,7 @@ void CADAgentd::m_VConfLanguageChangeCB(keynode_t* pNode, void* pUserData) {
         return;
     }
 
-    const char* pName = vconf_keynode_get_name(pNode);
+    const char* pName = GetKeyName(pNode);
     AD_LOG("[CADAgentd] Vconf key %s changed, reset config server", pName);
     CADLibs* pADLibHandler = static_cast<CADAgentd*>(pUserData)->m_pADLibHandler;
     if (!pADLibHandler) {
@@ -344,8 +356,7 @@ void CADAgentd::m_VConfLanguageChangeCB(keynode_t* pNode, void* pUserData) {
         AD_LOG_ERR("[CADAgentd] fnAgentConfigServer is NULL.");
         return;
     }
-    fnAgentConfigServer(TILE_SERVICE_PATH);
-    fnAgentConfigServer(APPS_SERVICE_PATH);
+    FetchConfiguration(fnAgentConfigServer);
 }
 
 void CADAgentd::m_CountryCodeChangeCB(keynode_t* pNode, void* pUserData) {
@@ -357,7 +368,7 @@ void CADAgentd::m_CountryCodeChangeCB(keynode_t* pNode, void* pUserData) {
         return;
     }
 
-    const char* pName = vconf_keynode_get_name(pNode);
+    const char* pName = GetKeyName(pNode);
     AD_LOG("[CADAgentd] Vconf key %s changed, reset config server", pName);
     CADLibs* pADLibHandler = static_cast<CADAgentd*>(pUserData)->m_pADLibHandler;
     if (!pADLibHandler) {
@@ -370,8 +381,7 @@ void CADAgentd::m_CountryCodeChangeCB(keynode_t* pNode, void* pUserData) {
         AD_LOG_ERR("[CADAgentd] fnAgentConfigServer is NULL.");
         return;
     }
-    fnAgentConfigServer(TILE_SERVICE_PATH);
-    fnAgentConfigServer(APPS_SERVICE_PATH);
+    FetchConfiguration(fnAgentConfigServer);
 }
 
 void CADAgentd::m_VConfTermChangeCB(keynode_t* pNode, void* pUserData) {
@@ -383,11 +393,11 @@ void CADAgentd::m_VConfTermChangeCB(keynode_t* pNode, void* pUserData) {
         return;
     }
 
-    const char* pName = vconf_keynode_get_name(pNode);
+    const char* pName = GetKeyName(pNode);
     AD_LOG("[CADAgentd] Vconf key %s changed, retry to get the PSID and AD service config URL",
            pName);
     const int nType = vconf_keynode_get_type(pNode);
-    const std::string strName = vconf_keynode_get_name(pNode);
+    const std::string strName = GetKeyName(pNode);
     if (nType != SETTINGS_TYPE_INT) {
         AD_LOG_ERR("Unknown Type(%d)\n", nType);
         return;
@@ -406,15 +416,14 @@ void CADAgentd::m_VConfTermChangeCB(keynode_t* pNode, void* pUserData) {
         AD_LOG_ERR("[CADAgentd] fnAgentConfigServer is NULL.");
         return;
     }
-    fnAgentConfigServer(TILE_SERVICE_PATH);
-    fnAgentConfigServer(APPS_SERVICE_PATH);
+    FetchConfiguration(fnAgentConfigServer);
 }
 
 int CADAgentd::m_RequestData() {
     AD_LOG("[CADAgentd] m_RequestData");
     if (!check_existed(AD_OPT_LIB_FWK_FILE) && !check_existed(AD_FIRMWARE_LIB_FWK_FILE)) return 1;
 
-    while (!check_existed(SETTINGS_READY_FILE)) {
+    while (!check_existed(AD_SETTINGS_READY_FILE)) {
         AD_LOG("[CADAgentd] Vconf is not ready, sleep!");
         usleep(SETTINGS_POLL_US);
     }
@@ -458,22 +467,16 @@ bool CADAgentd::m_CheckFirmVersion() {
     AD_LOG("Current Firmware Version= %s", strCurVersion.c_str());
 
     bool bRet = false;
-    std::ifstream oFile(FIRMWARE_VERSION_FILE, std::ios::in);
-    if (!oFile.is_open()) {
+    std::string strFileVersion;
+    if (!ad_read_small_file(AD_FIRMWARE_VERSION_FILE, &strFileVersion)) {
         AD_LOG("No File");
+    } else if (strFileVersion.empty()) {
+        AD_LOG("No data");
     } else {
-        std::stringstream oText;
-        oText << oFile.rdbuf();
-        const std::string strFileVersion = oText.str();
-        oFile.close();
-        if (strFileVersion.empty()) {
-            AD_LOG("No data");
-        } else {
-            AD_LOG("File Firmware Version= %s", strFileVersion.c_str());
-            if (strFileVersion == strCurVersion) {
-                AD_LOG("Firmware version is same");
-                bRet = true;
-            }
+        AD_LOG("File Firmware Version= %s", strFileVersion.c_str());
+        if (strFileVersion == strCurVersion) {
+            AD_LOG("Firmware version is same");
+            bRet = true;
         }
     }
     return bRet;
@@ -481,7 +484,7 @@ bool CADAgentd::m_CheckFirmVersion() {
 
 void CADAgentd::m_WriteFirmVersion() {
     AD_LOG("m_WriteFirmVersion");
-    FILE* pFile = fopen(FIRMWARE_VERSION_FILE, "w");
+    FILE* pFile = CreateVersionFile();
     if (!pFile) {
         AD_LOG("Fail to Open File");
         return;
@@ -491,7 +494,7 @@ void CADAgentd::m_WriteFirmVersion() {
     const int nStatus = system_info_get_value_string(SYSTEM_INFO_KEY_FIRMWARE_VERSION, &pVersion);
     if (nStatus != 0) AD_LOG("Failed getting Firmware version. status= %d", nStatus);
 
-    // Without a text the file stays empty, which the next check takes for a change.
+    // Without a version the file stays empty, which the next check takes for a change.
     const std::string strVersion = pVersion ? pVersion : "";
     fwrite(strVersion.c_str(), strlen(strVersion.c_str()), 1, pFile);
     AD_LOG("Save Firm File done : %s", strVersion.c_str());
@@ -516,7 +519,7 @@ std::string CADAgentd::m_GetXmlValue(std::string strFile, std::string strFirstKe
     }
 
     TiXmlDocument oDocument(strFile.c_str());
-    oDocument.LoadFile();
+    LoadManifest(&oDocument);
     TiXmlHandle oHandle(&oDocument);
     const TiXmlElement* pElement =
         oHandle.FirstChild(strFirstKey.c_str()).FirstChildElement(strSecondKey.c_str()).ToElement();
@@ -530,8 +533,8 @@ std::string CADAgentd::m_GetXmlValue(std::string strFile, std::string strFirstKe
 std::string CADAgentd::m_GetValidSoFile() {
     if (!check_existed(AD_OPT_LIB_FWK_FILE)) return AD_FIRMWARE_LIB_FWK_FILE;
 
-    const std::string strFirmVersion = m_GetXmlValue(FIRMWARE_MANIFEST, "Zel", "Version");
-    const std::string strCacheVersion = m_GetXmlValue(CACHE_MANIFEST, "Cache", "SoVersion");
+    const std::string strFirmVersion = m_GetXmlValue(AD_FIRMWARE_XML_FILE, "Zel", "Version");
+    const std::string strCacheVersion = m_GetXmlValue(AD_CACHE_XML_FILE, "Cache", "SoVersion");
     if (strFirmVersion == strCacheVersion) return AD_OPT_LIB_FWK_FILE;
 
     const float fFirmVersion = ToNumber(strFirmVersion);
@@ -551,11 +554,11 @@ std::string CADAgentd::m_GetValidSoFile() {
 bool CADAgentd::m_CheckZelPath() {
     AD_LOG("[CADAgentd] m_CheckZelPath");
     if (!check_existed(AD_OPT_LIB_PATH)) ad_mounter_create("create_path_usr_lib");
-    if (!check_existed("/opt/usr/apps/adagent")) ad_mounter_create("create_path_apps_adagent");
+    if (!check_existed(AD_AGENT_DATA_PATH)) ad_mounter_create("create_path_apps_adagent");
     if (!check_existed(AD_IMG_MOUNT_PATH)) ad_mounter_create("create_path_apps_zeladagent");
     AD_LOG("[CADAgentd] Don't check /opt/usr/apps/adagent/zelADAgentCache.xml");
     ad_mounter_create("create_file_apps_zeladagent_xml");
-    if (!check_existed("/opt/down/zels/zelADAgent")) ad_mounter_create("create_path_zeladagent");
+    if (!check_existed(AD_PACKAGE_PATH)) ad_mounter_create("create_path_zeladagent");
     if (!check_existed(AD_IMG_PATH)) ad_mounter_create("create_path_zeladagent_img");
     return true;
 }
@@ -623,13 +626,13 @@ std::string CADAgentd::m_GetImgVersion() {
             bMount = true;
         }
     }
-    // An image without a manifest stays mounted, for whoever looks into it.
+    // An image without a manifest stays mounted.
     if (!check_existed(AD_IMG_XML_FILE)) return strImgVersion;
 
     AD_LOG("[CADAgentd] m_DownloadImg, Parse img version.");
     auto pDocument = std::make_unique<TiXmlDocument>(AD_IMG_XML_FILE);
     AD_LOG("[CADAgentd] test xml 1111");
-    pDocument->LoadFile();
+    LoadManifest(pDocument.get());
     TiXmlElement* pRoot = pDocument->FirstChildElement();
     if (pRoot) {
         AD_LOG("[CADAgentd] test xml 2222");
@@ -641,7 +644,6 @@ std::string CADAgentd::m_GetImgVersion() {
             AD_LOG("[CADAgentd] Version = %s", strImgVersion.c_str());
         }
     }
-    // The manifest must be closed before its file system is unmounted.
     pDocument.reset();
 
     AD_LOG("bMount = %d.", bMount);
@@ -667,7 +669,8 @@ int CADAgentd::m_ReplaceLibSo() {
             AD_LOG_ERR("[CADAgentd] fnAgentGetSoVer is NULL.");
         } else {
             fnAgentGetSoVer(szSoVersion);
-            strSoVersion = szSoVersion;
+            // A version that fills the buffer has no NUL.
+            strSoVersion.assign(szSoVersion, strnlen(szSoVersion, sizeof(szSoVersion)));
         }
     }
     AD_LOG("[CADAgentd] strSoVersion = %s, strImgVersion = %s.", strSoVersion.c_str(),

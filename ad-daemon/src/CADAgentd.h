@@ -1,13 +1,12 @@
 /**
- * The daemon's controller: chooses and hosts the agent library, waits for the
+ * The daemon's controller: selects and loads the agent library, waits for the
  * network and the viewer's consent, and then has the library fetch its
  * configuration and runs the image update.
  *
- * Everything runs on the thread of the main loop and may block it for as long
- * as the work takes. Failures are logged and never end the process.
+ * Everything runs on the main loop's thread and blocks it, for minutes during a
+ * download. Failures are logged and do not end the process.
  */
-#ifndef CAD_AGENTD_H
-#define CAD_AGENTD_H
+#pragma once
 
 #include "ADLibs.h"
 #include "network_connection.h"
@@ -25,13 +24,13 @@ public:
     CADAgentd& operator=(const CADAgentd&) = delete;
 
     /**
-     * The start gate: with the network up and consent given, does the work,
-     * once per process.
-     * @return false when the network is down or the consent cannot be read
+     * The start gate: does the work, once per process, when the network is up and
+     * consent is given.
+     * @return false when the network is down or the consent key cannot be read
      */
     bool Start();
 
-    /** Releases the library, the network watch and the connection. To be run once. */
+    /** Releases the library, the network watch and the connection. Must run only once. */
     void Destory();
 
 private:
@@ -48,29 +47,29 @@ private:
     // Settings watchers and configuration request
     static void m_VConfLanguageChangeCB(keynode_t* pNode, void* pUserData);
     static void m_VConfTermChangeCB(keynode_t* pNode, void* pUserData);
-    /** For a country key; nothing registers it. */
+    /** For the country code; registered for no key. */
     static void m_CountryCodeChangeCB(keynode_t* pNode, void* pUserData);
-    /** Waits, without limit, for the settings store's marker file. Always 1. */
+    /** Waits for the settings store without a time-out. Returns 1. */
     int m_RequestData();
 
     // Firmware version tracking
-    /** True when the version file names the running firmware. */
+    /** True when the version file holds the running firmware's version. */
     bool m_CheckFirmVersion();
     void m_WriteFirmVersion();
 
     // Agent library selection and manifest
-    /** The text of a manifest's child element, or the empty string. */
+    /** The text of a child of a manifest's root element, or the empty string. */
     std::string m_GetXmlValue(std::string strFile, std::string strFirstKey,
                               std::string strSecondKey);
-    /** The library copy that is valid; discards the updatable one when the firmware is newer. */
+    /** The valid library copy; discards the updatable one when the firmware copy is newer. */
     std::string m_GetValidSoFile();
-    /** Ensures the directories that an update writes into. Always true. */
+    /** Creates the directories that an update writes to. Returns true. */
     bool m_CheckZelPath();
 
     // Image update
-    /** Always true. */
+    /** Returns true. */
     bool m_Update();
-    /** The library's own non-zero result when a new image is in place, else 0. */
+    /** The library's non-zero result when a new image is in place, else 0. */
     int m_DownloadImg();
     /** The stored image's version, or "0.00". */
     std::string m_GetImgVersion();
@@ -82,5 +81,3 @@ private:
     connection_h m_hConnection;
     bool m_bStartDone;
 };
-
-#endif

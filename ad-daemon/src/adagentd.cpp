@@ -29,7 +29,7 @@ bool adagentd_Start() {
 }
 
 int main() {
-    // By lines also into a pipe, so that a kill costs the reader nothing.
+    // Line by line into a pipe as well, so that a killed daemon leaves no line behind.
     setvbuf(stdout, nullptr, _IOLBF, 0);
 
     AD_LOG("main");

@@ -1,26 +1,23 @@
 /**
- * The process: its one controller, its signal handlers.
+ * The process: its main loop, its one controller and its signal handlers.
  */
-#ifndef ADAGENTD_H
-#define ADAGENTD_H
+#pragma once
 
 #include "CADAgentd.h"
 
 #include <glib.h>
 
-/** The main loop; null before main has made it. */
+/** The main loop; null until main creates it, and never reset. */
 extern GMainLoop* loop;
 
-/** The one controller; null before its construction is complete and after its deletion. */
+/** The one controller; null until its construction is complete and after its deletion. */
 extern CADAgentd* gpadagentd;
 
-/** Creates the controller and starts it; returns what CADAgentd::Start returns. */
+/** Creates the controller and returns the result of its Start. */
 bool adagentd_Start();
 
-/** Ends the main loop on SIGTERM, SIGHUP and SIGINT. */
+/** Quits the main loop on SIGTERM, SIGHUP and SIGINT. */
 void sig_quit(int nSignal);
 
-/** Tears the controller down on SIGTERM, without ending the loop. Installed for no signal. */
+/** Tears the controller down on SIGTERM without quitting the loop. Installed for no signal. */
 void sigterm_handler(int nSignal);
-
-#endif

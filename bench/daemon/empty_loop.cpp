@@ -1,4 +1,4 @@
-// The program that the daemon's start, memory and wake-ups are held against.
+// The program that the daemon's start time, memory and wake-ups are compared with.
 #include <cstdio>
 
 #include <glib-object.h>

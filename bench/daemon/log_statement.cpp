@@ -1,4 +1,4 @@
-// One log statement of the daemon against the two writes that it stands for.
+// One log statement of the daemon, compared with the two writes that it makes.
 #include "ADLog.h"
 
 #include <cstdio>
@@ -8,17 +8,18 @@
 
 namespace {
 
-void BM_LogStatement(benchmark::State& state) {
+void log_statement(benchmark::State& state) {
     int count = 0;
-    for (auto _ : state) {
-        AD_LOG("connection type: %d, path %s", ++count, "/opt/usr/lib");
+    while (state.KeepRunning()) {
+        ++count;
+        AD_LOG("connection type: %d, path %s", count, "/opt/usr/lib");
     }
 }
 
-void BM_PlainWrites(benchmark::State& state) {
+void plain_writes(benchmark::State& state) {
     int count = 0;
     const long thread_id = syscall(SYS_gettid);
-    for (auto _ : state) {
+    while (state.KeepRunning()) {
         ++count;
         __dlog_print(PLATFORM_LOG_MAIN, PLATFORM_LOG_NORMAL, AD_LOG_TAG,
                      "%s: %s(%d) > \033[0m [%s:%d] [Thread Id:[%ld]] connection type: %d, path %s",
@@ -29,15 +30,15 @@ void BM_PlainWrites(benchmark::State& state) {
     }
 }
 
-BENCHMARK(BM_PlainWrites);
-BENCHMARK(BM_LogStatement);
+BENCHMARK(plain_writes);
+BENCHMARK(log_statement);
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    // The statements' own output goes nowhere; the results go to standard error.
+    // Discard the statements' output; the results go to standard error.
     if (!freopen("/dev/null", "w", stdout)) {
-        perror("bench-log-statement: /dev/null");
+        perror("bench-log-statement: failed to open /dev/null");
         return 1;
     }
     setvbuf(stdout, nullptr, _IOLBF, 0);

@@ -1,34 +1,27 @@
 #include "ADDigest.h"
 
+#include "base/file_io.h"
+#include "base/glib_owned.h"
+#include "base/unique_fd.h"
+
 #include <array>
 #include <cerrno>
-#include <memory>
 
 #include <fcntl.h>
 #include <glib.h>
-#include <unistd.h>
 
 namespace {
 
-struct ChecksumFree {
-    void operator()(GChecksum* pChecksum) const { g_checksum_free(pChecksum); }
-};
-
 std::string DigestFile(const char* pFile, GChecksumType eType) {
-    const int nFd = open(pFile, O_RDONLY | O_CLOEXEC);
-    if (nFd < 0) return "";
+    const base::UniqueFd oFile(open(pFile, O_RDONLY | O_CLOEXEC));
+    if (!oFile) return "";
 
-    const std::unique_ptr<GChecksum, ChecksumFree> pChecksum(g_checksum_new(eType));
-    std::array<guchar, 65536> szBuffer;
+    const base::Owned<GChecksum> pChecksum(g_checksum_new(eType));
+    std::array<guchar, 16384> szBuffer;
     ssize_t nRead = 0;
-    do {
-        nRead = read(nFd, szBuffer.data(), szBuffer.size());
-        if (nRead > 0) g_checksum_update(pChecksum.get(), szBuffer.data(), nRead);
-    } while (nRead > 0 || (nRead < 0 && errno == EINTR));
-
-    const int nError = errno;
-    close(nFd);
-    errno = nError;
+    while ((nRead = base::read_full(oFile.get(), szBuffer.data(), szBuffer.size())) > 0) {
+        g_checksum_update(pChecksum.get(), szBuffer.data(), nRead);
+    }
     return nRead == 0 ? g_checksum_get_string(pChecksum.get()) : "";
 }
 

@@ -1,12 +1,11 @@
 /**
- * The diagnostic log: AD_LOG for what happens, AD_LOG_ERR for what fails.
+ * The diagnostic log: AD_LOG at the normal level, AD_LOG_ERR at the error level.
  *
- * Each statement takes a printf(3) format and its arguments and writes them
- * twice, to the platform log and to standard output. The arguments are
- * evaluated once for each, so they must be plain values.
+ * A statement takes a printf(3) format and its arguments and writes the message
+ * to the platform log and to standard output. It evaluates the arguments twice,
+ * so they must have no side effects.
  */
-#ifndef AD_LOG_H
-#define AD_LOG_H
+#pragma once
 
 #include "platform_log.h"
 
@@ -19,8 +18,7 @@
 #define AD_LOG_COLOUR_NORMAL "\033[0m"
 #define AD_LOG_COLOUR_ERROR "\033[31m"
 
-// The compiler cuts __FILE_NAME__ out of the path, so the base name is a
-// literal like any other.
+// __FILE_NAME__ is the base name of __FILE__, as a literal.
 #define AD_LOG_STATEMENT(priority, colour, format, ...)                                            \
     do {                                                                                           \
         const long nPlatformTid = syscall(SYS_gettid);                                             \
@@ -37,5 +35,3 @@
 
 #define AD_LOG_ERR(format, ...) \
     AD_LOG_STATEMENT(PLATFORM_LOG_ERROR, AD_LOG_COLOUR_ERROR, format, ##__VA_ARGS__)
-
-#endif

@@ -1,7 +1,9 @@
 #include "ADUtils.h"
 
+#include "ADFile.h"
 #include "ADLog.h"
 #include "ADPaths.h"
+#include "base/unique_fd.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -11,22 +13,8 @@
 
 namespace {
 
-/** The mounter commands with fixed forms are cut to this size, the NUL included. */
+/** The size of the buffer for command lines of fixed form; longer ones are cut. */
 constexpr size_t COMMAND_BUFFER_SIZE = 255;
-
-/**
- * Takes a file's size by seeking to its end.
- * @return false, and a size of 0, when the file cannot be opened
- */
-bool GetFileSize(const char* pFile, long* pSize) {
-    *pSize = 0;
-    FILE* pStream = fopen(pFile, "rb");
-    if (!pStream) return false;
-    fseek(pStream, 0, SEEK_END);
-    *pSize = ftell(pStream);
-    fclose(pStream);
-    return true;
-}
 
 }  // namespace
 
@@ -37,7 +25,6 @@ int system_cmd(const char* pCommand) {
         return 0;
     }
 
-    // The daemon's work is to run this tool through the shell. NOLINTNEXTLINE(cert-env33-c)
     const int nStatus = system(pCommand);
     if (nStatus == -1) {
         AD_LOG_ERR("system error, failed to create sub process %s.", pCommand);
@@ -47,7 +34,7 @@ int system_cmd(const char* pCommand) {
     const int nExitStatus = (nStatus >> 8) & 0xFF;
     AD_LOG("system return value = [0x%x]", nStatus);
     if ((nStatus & 0x7F) != 0) {
-        // Readers of the log know this line by its 0, whatever ended the child.
+        // 0 whatever ended the child.
         AD_LOG_ERR("exit value = [%d]", 0);
         return 0;
     }
@@ -181,7 +168,10 @@ int ad_copy_lib(const char* pSrc, const char* pDest) {
     }
 
     long nSrcSize = 0;
-    if (GetFileSize(pSrc, &nSrcSize)) AD_LOG("[ad_copy_lib] CopyLib, srcLibSize = %ld", nSrcSize);
+    if (const base::UniqueFd oFile{ad_open_file(pSrc)}) {
+        nSrcSize = lseek(oFile.get(), 0, SEEK_END);
+        AD_LOG("[ad_copy_lib] CopyLib, srcLibSize = %ld", nSrcSize);
+    }
 
     const std::string strCommand = std::string("ad-mounter --copylib ") + pSrc + " " + pDest;
     if (!system_cmd(strCommand.c_str())) {
@@ -190,9 +180,12 @@ int ad_copy_lib(const char* pSrc, const char* pDest) {
     }
 
     long nDestSize = 0;
-    const bool bDestOpened = GetFileSize(pDest, &nDestSize);
-    if (bDestOpened) AD_LOG("[ad_copy_lib] destLibSize = %ld", nDestSize);
-    if (bDestOpened && nDestSize != 0 && nDestSize == nSrcSize) {
+    if (const base::UniqueFd oFile{ad_open_file(pDest)}) {
+        nDestSize = lseek(oFile.get(), 0, SEEK_END);
+        AD_LOG("[ad_copy_lib] destLibSize = %ld", nDestSize);
+    }
+    // A size is -1 when it cannot be determined.
+    if (nDestSize > 0 && nDestSize == nSrcSize) {
         AD_LOG("[ad_copy_lib] copy lib with correct size !!\n");
         return 1;
     }
@@ -239,7 +232,7 @@ int ad_copy_player_res() {
 }
 
 int ad_copy() {
-    // The installation has always announced itself under this name.
+    // The message names another function.
     AD_LOG("ad_remove_lib_so_path in");
     if (!ad_copy_lib_fwk()) {
         AD_LOG_ERR("ad_copy failed in ad_copy_lib_fwk");

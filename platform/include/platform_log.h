@@ -1,11 +1,7 @@
 /**
  * The platform log: one function that takes a printf-style message.
- *
- * The device's platform library implements it; the daemon calls it for every
- * diagnostic line.
  */
-#ifndef PLATFORM_LOG_H
-#define PLATFORM_LOG_H
+#pragma once
 
 #ifdef __cplusplus
 extern "C" {
@@ -14,7 +10,7 @@ extern "C" {
 /** Log buffers. The daemon writes to the main one only. */
 enum platform_log_id { PLATFORM_LOG_MAIN = 0 };
 
-/** Priorities that the daemon uses. */
+/** The priorities that the daemon uses. */
 enum platform_log_priority { PLATFORM_LOG_NORMAL = 2, PLATFORM_LOG_ERROR = 16 };
 
 /**
@@ -36,6 +32,4 @@ int __dlog_print(int log_id, int priority, const char* tag, const char* format, 
 
 #ifdef __cplusplus
 }
-#endif
-
 #endif

@@ -1,8 +1,7 @@
 /**
  * The system-information service: facts about the device, by key number.
  */
-#ifndef SYSTEM_INFORMATION_H
-#define SYSTEM_INFORMATION_H
+#pragma once
 
 #ifdef __cplusplus
 extern "C" {
@@ -18,13 +17,11 @@ enum system_info_key {
  *
  * @param key    a system_info_key
  * @param value  receives a newly allocated text on success, which the caller
- *               releases with free(3); untouched on failure
+ *               releases with free(3); unchanged on failure
  * @return 0, or an error code of the implementation's own
  */
 int system_info_get_value_string(int key, char** value);
 
 #ifdef __cplusplus
 }
-#endif
-
 #endif

@@ -1,24 +1,18 @@
 /**
  * Stands in for everything that the daemon reaches outside itself: the
- * platform's functions, the dynamic loader and the agent library, the C library
- * calls that run, wait for or look at something, and the main loop. Each writes
- * one line to the transcript and answers as the Device says.
- *
- * A log statement's line is the function that it came from, with the file's
- * name in front ("ADUtils.ad_mount") unless that is CADAgentd.cpp, then "N" or
- * "E", and the message. A line break shows as \n, a blank at the end as \s.
+ * platform's functions, the dynamic loader and the agent library, the main loop,
+ * and the C library's functions that run, wait for, open or look at something.
+ * Each writes a line to the transcript and answers as the Device says.
  */
-#ifndef RECORDER_H
-#define RECORDER_H
+#pragma once
 
-#include "CADAgentd.h"
+#include "settings_store.h"
 
 #include <deque>
 #include <functional>
 #include <map>
 #include <set>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -32,101 +26,59 @@ struct settings_keynode {
 
 namespace daemon_tests {
 
+/** The device that the daemon runs on; see transcript_test.cpp for what changes it. */
 struct Device {
-    /** The directory that the device's paths are in. */
+    /** Whether the files that the program opens are the device's, in this directory. */
+    bool is_on = false;
     std::string root;
-    /** What "{name}" stands for in paths and steps, beside the names of steps.cpp. */
-    std::map<std::string, std::string> names;
-    int connection_type = 1;
-    int connection_state = 2;
+    /** The type and the state of the current connection. */
+    std::vector<int> connection = {1, 2};
     /** The registered profiles' types, in order. */
     std::vector<int> profiles = {1};
     int consent = 1;
+    keynode_t node = {"some/key", 41, 1};
     /** Results of the platform function, or wait statuses of commands with the text; then 0. */
     std::map<std::string, std::deque<int>> answers;
+    /** Functions that throw. */
+    std::set<std::string> throws;
     /** The manifest inside the stored image; empty for none. */
     std::string image_manifest = "<Zel><Version>1.05</Version></Zel>";
     /** Files that exist and cannot be opened. */
     std::set<std::string> unreadable;
-    /** Libraries and symbols that come with the loader's error "broken", and those not found. */
+    /** Libraries and symbols for which the loader reports "broken", and those it does not find. */
     std::set<std::string> loader_errors, not_found;
     int update_result = 0;
     std::string so_version = "1.05";
-    bool loop_can_be_made = true;
+    bool has_loop = true;
     bool memory_is_full = false;
-    /** Called at the end of each command, in each sleep, and as the main loop. */
-    std::function<void()> on_command, on_sleep, in_loop;
+    /** Called at each event: "command" (at its end), "sleep" and "loop". */
+    std::function<void(const std::string& event)> on_event;
+    /** The names of pointers in the transcript. */
+    std::map<const void*, std::string> pointers;
+    /** The user data of the first callback that the daemon has registered. */
+    const void* controller = nullptr;
+    /** The firmware version that the daemon has been given and has not freed. */
+    const void* firmware_version = nullptr;
 
-    /** The callbacks that the daemon has registered, by settings key or function. */
-    std::map<std::string, std::pair<void*, void*>> watches;
-
-    Device& let(const std::string& name, const std::string& meaning);
-    /** Makes a file and the directories above it, or with "/" at the end a directory. */
-    Device& put(const std::string& path, const std::string& content = "");
-    Device& remove(const std::string& path);
-    /** Makes the next commands that contain a text end with status 2. */
-    Device& fail(const std::string& text, int times = 1);
-    /** Where the device keeps a path. */
-    [[nodiscard]] std::string host_path(const std::string& path) const;
+    /** The path on this machine of a path on the device. */
+    [[nodiscard]] std::string host_path(const std::string& path) const { return root + path; }
+    /** Creates a file and the directories above it, or a directory when the path ends in "/". */
+    void put(const std::string& path, const std::string& content = "") const;
+    void remove(const std::string& path) const;
 };
 
 extern Device device;
 
+/** Adds a line to the transcript. */
 void record(const std::string& line);
 
-/** Records a call of a platform function and gives its next answer. */
-int call(const std::string& function, const std::string& arguments = "called");
+/** Takes the lines recorded so far, each with a line break. */
+std::string take_record();
 
-/** The lines so far, each between "- " and a line break; begins anew afterwards. */
-std::string transcript();
+/** Records a call of a platform function and returns its next answer. */
+int call(const std::string& function, const std::string& arguments = "");
 
-/** Puts in what names stand for. */
-std::string expand(const std::string& text);
-
-/**
- * Takes the transcript and fails the test unless it follows the steps, which
- * line breaks or "|" separate. A step is a line of the transcript, a word of
- * steps.cpp that stands for several ("exists PATH", "ran COMMAND", "mounted"),
- * or "..." for any lines or none. "@FUNCTION" says for the "N" and "E" lines
- * that follow where they come from; before it, the meaning of the name "@" does.
- */
-void follow_steps(const std::string& steps);
-
-/** An operation's result, and what it wrote. */
-#define EXPECT_RUN(operation, result, steps) \
-    do {                                     \
-        SCOPED_TRACE(#operation);            \
-        EXPECT_EQ(operation, result);        \
-        daemon_tests::follow_steps(steps);   \
-    } while (false)
-
-/** The same without a result. */
-#define EXPECT_STEPS(operation, steps) EXPECT_RUN((operation, 0), 0, steps)
-
-/** Has a device with a firmware library, the settings store's marker and an empty {opt_lib}. */
-class DaemonTest : public testing::Test {
-protected:
-    DaemonTest();
-    ~DaemonTest() override;
-};
-
-/** Has a controller that has started up on such a device. */
-class ControllerTest : public DaemonTest {
-protected:
-    ControllerTest() { transcript(); }
-
-    /** Runs an operation without the library. */
-    template <typename Operation>
-    auto without_library(Operation operation) {
-        CADLibs* const libs = std::exchange(daemon_.m_pADLibHandler, nullptr);
-        const auto result = operation();
-        daemon_.m_pADLibHandler = libs;
-        return result;
-    }
-
-    CADAgentd daemon_;
-};
+/** The name of a pointer in the transcript. */
+std::string name(const void* pointer);
 
 }  // namespace daemon_tests
-
-#endif

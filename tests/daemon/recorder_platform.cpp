@@ -1,3 +1,5 @@
+#include "ADPaths.h"
+#include "adagentd.h"
 #include "network_connection.h"
 #include "recorder.h"
 #include "settings_store.h"
@@ -14,43 +16,39 @@ using namespace daemon_tests;
 
 namespace {
 
-void* const CONNECTION = reinterpret_cast<void*>(0x1000);
-void* const ITERATOR = reinterpret_cast<void*>(0x2000);
-/** Profile 0's handle: longer than an int, of which the daemon shows the lower half. */
-constexpr uintptr_t FIRST_PROFILE = 0x5500000a10;
+char connection_object;
+char iterator_object;
+/** Profile 0's handle: longer than an int, of which the daemon logs the lower half. */
+constexpr uintptr_t first_profile = 0x5500000a10;
 
 size_t profiles_taken = 0;
 bool loader_failed = false;
 
-std::string name(void* handle) {
-    if (!handle) return "null";
-    if (handle == CONNECTION) return "connection";
-    if (handle == ITERATOR) return "iterator";
-    return "profile " + std::to_string(reinterpret_cast<uintptr_t>(handle) - FIRST_PROFILE);
-}
-
-/** Records a call and answers it, with the value when it succeeds. */
+/** Records a query and answers it. Writes the value also when it fails: the daemon must not use
+ * it then. */
 template <typename Type, typename Value>
-int give(const char* function, const std::string& argument, Type* place, Value value) {
-    const int result = call(function, argument);
-    if (result == 0) *place = static_cast<Type>(value);
-    return result;
+int answer(const char* function, const std::string& argument, Type* place, Value value) {
+    *place = static_cast<Type>(value);
+    return call(function, argument);
 }
 
 }  // namespace
 
+// NOLINTBEGIN(readability-identifier-naming)
 extern "C" {
 
 // The agent library's entry points that the daemon calls.
 
-int ad_agent_init() { return call(__func__); }
+int ad_agent_init() { return call(__func__, gpadagentd ? "gpadagentd is set" : ""); }
 
 int ad_agent_clear() { return call(__func__); }
 
 int ad_agent_config_server(const char* path) { return call(__func__, path); }
 
 int ad_agent_update(const char* version) {
-    if (device.update_result != 0) device.put("{downloaded}");
+    if (device.update_result != 0) {
+        device.put(AD_DOWNLOADED_IMG_FILE);
+    }
     call(__func__, version);
     return device.update_result;
 }
@@ -58,9 +56,9 @@ int ad_agent_update(const char* version) {
 int ad_agent_set_soversion(const char* version) { return call(__func__, version); }
 
 int ad_agent_get_soversion(char* buffer) {
-    const bool zero = std::all_of(buffer, buffer + 20, [](char c) { return c == 0; });
-    device.so_version.copy(buffer, 19);
-    return call(__func__, zero ? "into zeros" : "into a used buffer");
+    const bool is_zero = std::all_of(buffer, buffer + 20, [](char c) { return c == 0; });
+    device.so_version.copy(buffer, 20);
+    return call(__func__, is_zero ? "20 zeros" : "a used buffer");
 }
 
 // NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
@@ -75,7 +73,9 @@ void* __wrap_dlsym(void* library, const char* symbol) {
     record(std::string("dlsym ") + symbol + (library == &device ? "" : " in another library"));
     loader_failed = device.loader_errors.count(symbol) != 0;
     void* const function = __real_dlsym(RTLD_DEFAULT, symbol);
-    return function ? function : &device;
+    void* const address = function ? function : &device;
+    device.pointers[address] = symbol;
+    return address;
 }
 
 char* __wrap_dlerror() {
@@ -90,78 +90,112 @@ int __wrap_dlclose(void* library) {
 }
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
-int vconf_notify_key_changed(const char* key, vconf_callback_fn callback, void* user_data) {
-    device.watches[key] = {reinterpret_cast<void*>(callback), user_data};
-    return call(__func__, key);
+/** Names a callback and its user data. */
+static std::string watch(void* callback, void* user_data) {
+    if (!device.controller) {
+        device.controller = user_data;
+        device.pointers[user_data] = "CONTROLLER";
+    }
+    return name(callback) + ", " + name(user_data);
 }
 
-char* vconf_keynode_get_name(keynode_t* node) { return node->name.data(); }
+int vconf_notify_key_changed(const char* key, vconf_callback_fn callback, void* user_data) {
+    return call(__func__, key + (", " + watch(reinterpret_cast<void*>(callback), user_data)));
+}
+
+char* vconf_keynode_get_name(keynode_t* node) {
+    return node->name.empty() ? nullptr : node->name.data();
+}
 
 int vconf_keynode_get_type(keynode_t* node) { return node->type; }
 
 int vconf_keynode_get_int(keynode_t* node) { return node->value; }
 
-/** A query, whose place is written only when it succeeds. */
-#define QUERY(function, Subject, subject_name, Type, value)          \
-    int function(Subject subject, Type* place) {                     \
-        return give(#function, subject_name(subject), place, value); \
-    }
-QUERY(vconf_get_int, const char*, std::string, int, device.consent)
-QUERY(connection_get_type, connection_h, name, connection_type_e, device.connection_type)
-QUERY(connection_profile_iterator_next, connection_profile_iterator_h, name, connection_profile_h,
-      reinterpret_cast<void*>(FIRST_PROFILE + profiles_taken++))
-QUERY(connection_profile_get_type, connection_profile_h, name, connection_profile_type_e,
-      device.profiles.at(profiles_taken - 1))
+int vconf_get_int(const char* key, int* value) {
+    return answer(__func__, key, value, device.consent);
+}
+
+int connection_get_type(connection_h connection, connection_type_e* type) {
+    return answer(__func__, name(connection), type, device.connection[0]);
+}
+
+int connection_get_wifi_state(connection_h connection, connection_wifi_state_e* state) {
+    return answer(__func__, name(connection), state, device.connection[1]);
+}
+
+int connection_get_cellular_state(connection_h connection, connection_cellular_state_e* state) {
+    return answer(__func__, name(connection), state, device.connection[1]);
+}
+
+int connection_get_ethernet_state(connection_h connection, connection_ethernet_state_e* state) {
+    return answer(__func__, name(connection), state, device.connection[1]);
+}
+
+int connection_get_bt_state(connection_h connection, connection_bt_state_e* state) {
+    return answer(__func__, name(connection), state, device.connection[1]);
+}
+
+int connection_profile_get_type(connection_profile_h profile, connection_profile_type_e* type) {
+    return answer(__func__, name(profile), type, device.profiles.at(profiles_taken - 1));
+}
 
 int system_info_get_value_string(int key, char** value) {
     const int result = call(__func__, std::to_string(key));
-    if (result == 0) *value = strdup("T-1200.3");
+    if (result == 0) {
+        *value = strdup("T-1200.3");
+        device.firmware_version = *value;
+    }
     return result;
 }
 
 int connection_create(connection_h* connection) {
-    return give(__func__, "called", connection, CONNECTION);
+    const int result = call(__func__);
+    if (result == 0) {
+        *connection = &connection_object;
+        device.pointers[&connection_object] = "connection";
+    }
+    return result;
 }
 
-#define HANDLE_CALL(function) \
-    int function(void* handle) { return call(#function, name(handle)); }
-HANDLE_CALL(connection_destroy)
-HANDLE_CALL(connection_profile_unset_state_changed_cb)
-
-// A failing query may have written something; the daemon must not trust it.
-#define STATE_QUERY(kind)                                                           \
-    int connection_get_##kind##_state(connection_h connection,                      \
-                                      connection_##kind##_state_e* state) {         \
-        *state = static_cast<connection_##kind##_state_e>(device.connection_state); \
-        return call("connection_get_" #kind "_state", name(connection));            \
-    }
-STATE_QUERY(wifi)
-STATE_QUERY(cellular)
-STATE_QUERY(ethernet)
-STATE_QUERY(bt)
+int connection_destroy(connection_h handle) { return call(__func__, name(handle)); }
 
 int connection_set_type_changed_cb(connection_h connection, connection_type_changed_cb callback,
                                    void* user_data) {
-    device.watches[__func__] = {reinterpret_cast<void*>(callback), user_data};
-    return call(__func__, name(connection));
+    return call(__func__,
+                name(connection) + ", " + watch(reinterpret_cast<void*>(callback), user_data));
 }
 
 int connection_get_profile_iterator(connection_h connection, connection_iterator_type_e type,
                                     connection_profile_iterator_h* iterator) {
     profiles_taken = 0;
-    // Given also by a call that fails, so that the daemon's not releasing it shows.
-    *iterator = ITERATOR;
-    return call(__func__, name(connection) + " " + std::to_string(type));
+    device.pointers[&iterator_object] = "iterator";
+    return answer(__func__, name(connection) + ", " + std::to_string(type), iterator,
+                  &iterator_object);
 }
 
 bool connection_profile_iterator_has_next(connection_profile_iterator_h) {
     return profiles_taken < device.profiles.size();
 }
 
+int connection_profile_iterator_next(connection_profile_iterator_h iterator,
+                                     connection_profile_h* profile) {
+    const int result = call(__func__, name(iterator));
+    if (result == 0) {
+        *profile = reinterpret_cast<void*>(first_profile + profiles_taken);
+        device.pointers[*profile] = "profile " + std::to_string(profiles_taken++);
+    }
+    return result;
+}
+
 int connection_profile_set_state_changed_cb(connection_profile_h profile,
                                             connection_profile_state_changed_cb callback,
                                             void* user_data) {
-    device.watches[__func__] = {reinterpret_cast<void*>(callback), user_data};
+    return call(__func__,
+                name(profile) + ", " + watch(reinterpret_cast<void*>(callback), user_data));
+}
+
+int connection_profile_unset_state_changed_cb(connection_profile_h profile) {
     return call(__func__, name(profile));
 }
 }
+// NOLINTEND(readability-identifier-naming)
