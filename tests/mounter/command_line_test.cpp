@@ -52,10 +52,10 @@ TEST(CommandLine, OnlyTheTablesWordsAreUnderstood) {
     };
     for (const Words& words : refused) {
         const Command command = parse(words);
-        EXPECT_EQ(command.form, nullptr) << testing::PrintToString(words);
-        EXPECT_NE(command.complaint, nullptr) << testing::PrintToString(words);
+        EXPECT_EQ(command.spec, nullptr) << testing::PrintToString(words);
+        EXPECT_NE(command.error, nullptr) << testing::PrintToString(words);
     }
-    EXPECT_EQ(parse_command_line(0, nullptr).form, nullptr);
+    EXPECT_EQ(parse_command_line(0, nullptr).spec, nullptr);
 }
 
 // A header with the given numbers put at the given places.
@@ -109,9 +109,9 @@ TEST(ImageHeader, OnlySoundSquashfsAndErofsAreRecognised) {
     for (const Case& one : cases) {
         const ad_mounter::Recognition seen =
             ad_mounter::recognise_image(one.bytes.data(), one.bytes.size(), one.file_size);
-        EXPECT_EQ(seen.refusal == nullptr, one.good) << one.what;
+        EXPECT_EQ(seen.rejection == nullptr, one.good) << one.what;
     }
-    EXPECT_NE(ad_mounter::recognise_image(header(squashfs).data(), 95, 8192).refusal, nullptr);
+    EXPECT_NE(ad_mounter::recognise_image(header(squashfs).data(), 95, 8192).rejection, nullptr);
 }
 
 TEST(TreeLinks, OnlyThoseThatStayInside) {

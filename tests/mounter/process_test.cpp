@@ -33,7 +33,7 @@ TEST(Filter, ForbidsProgramsSocketsAndTracing) {
                             SYS_io_uring_setup, SYS_vfork, SYS_ptrace}) {
         EXPECT_EXIT(
             {
-                (void)ad_mounter::reduce_rights(ad_mounter::Verb::mount);
+                (void)ad_mounter::drop_privileges(ad_mounter::command_specs[2]);
                 syscall(call, 0, 0, 0, 0, 0);
                 _exit(0);
             },

@@ -74,7 +74,7 @@ TEST_P(Signature, WhatIsNotWholeAndTheMakersIsRefused) {
          file_system_ + device().maker().sign(file_system_ + "x", "version:1.5").trailer()},
         {"something in between", file_system_ + std::string(4096, '\0') + text.trailer()},
         {"something behind", good_ + "\n"},
-        {"cut short", good_.substr(0, good_.size() - 1)},
+        {"truncated", good_.substr(0, good_.size() - 1)},
         {"only the trailer", text.trailer()},
     };
     const auto change = [&](const char* what, auto&& edit) {
@@ -201,7 +201,7 @@ TEST_P(Signature, FileSystemMayNotReachIntoItsTrailer) {
     const size_t missing = file_system_.size() + block - commented(comment).size();
     const std::string image = commented(comment + std::string(missing, 'x'));
     expect_refused(image, "beyond what is signed");
-    EXPECT_NE(mount(image).err.find("cut short"), std::string::npos) << "left to the kernel";
+    EXPECT_NE(mount(image).err.find("truncated"), std::string::npos) << "left to the kernel";
 }
 
 // The writer changes the download when its copy has been made: the copy counts.
@@ -275,7 +275,7 @@ TEST(Manifest, VersionIsTheFirstInTheRoot) {
     };
     for (const auto& [text, expected] : cases) {
         char version[ad_mounter::version_size];
-        const bool found = ad_mounter::version_in_manifest(text, strlen(text), version);
+        const bool found = ad_mounter::version_in_manifest(text, version);
         EXPECT_EQ(found, expected != nullptr) << text;
         if (found && expected != nullptr) {
             EXPECT_STREQ(version, expected) << text;

@@ -38,18 +38,19 @@ void fuzz_command_line(const Input& text) {
     argv.push_back(nullptr);
     const ad_mounter::Command command =
         ad_mounter::parse_command_line(static_cast<int>(argv.size()) - 1, argv.data());
-    require((command.form == nullptr) == (command.complaint != nullptr));
-    if (command.form == nullptr) {
-        require(command.row == nullptr);
+    require((command.spec == nullptr) == (command.error != nullptr));
+    if (command.spec == nullptr) {
+        require(command.operation == nullptr);
         return;
     }
-    require(argv.size() == command.form->arguments + 3);
-    require((command.row != nullptr) == (command.form->arguments > 0));
-    if (command.row != nullptr) {
-        require(command.row->verb == command.form->verb);
-        require(strcmp(argv[2], command.row->first) == 0);
-        require((command.row->second != nullptr) == (command.form->arguments == 2));
-        require(command.row->second == nullptr || strcmp(argv[3], command.row->second) == 0);
+    require(argv.size() == command.spec->arguments + 3);
+    require((command.operation != nullptr) == (command.spec->arguments > 0));
+    if (command.operation != nullptr) {
+        require(command.operation->verb == command.spec->verb);
+        require(strcmp(argv[2], command.operation->first) == 0);
+        require((command.operation->second != nullptr) == (command.spec->arguments == 2));
+        require(command.operation->second == nullptr ||
+                strcmp(argv[3], command.operation->second) == 0);
     }
 }
 
@@ -57,7 +58,7 @@ void fuzz_image_header(const Input& header) {
     for (const uint64_t file_size : {uint64_t{header.size()}, uint64_t{1} << 20, ~uint64_t{0}}) {
         const ad_mounter::Recognition seen =
             ad_mounter::recognise_image(header.data(), header.size(), file_size);
-        require(seen.refusal != nullptr || header.size() >= 96);
+        require(seen.rejection != nullptr || header.size() >= 96);
     }
 }
 
@@ -65,9 +66,9 @@ void fuzz_trailer(const Input& bytes) {
     for (const uint64_t file_size : {uint64_t{bytes.size()}, uint64_t{bytes.size()} + 4096}) {
         const ad_mounter::Trailer trailer =
             ad_mounter::parse_trailer(bytes.data(), bytes.size(), file_size);
-        if (trailer.refusal == nullptr) {
+        if (trailer.rejection == nullptr) {
             require(trailer.length <= bytes.size() && trailer.length < file_size);
-            const std::string comment(trailer.comment, trailer.comment_length);
+            const std::string comment(trailer.signature.comment);
             require(trailer.version[0] != '\0');
             require(comment.find("version:" + std::string(trailer.version)) != std::string::npos);
         }
@@ -77,8 +78,7 @@ void fuzz_trailer(const Input& bytes) {
 void fuzz_manifest(const Input& text) {
     const std::string all(text.begin(), text.end());
     char version[ad_mounter::version_size];
-    if (ad_mounter::version_in_manifest(reinterpret_cast<const char*>(text.data()), text.size(),
-                                        version)) {
+    if (ad_mounter::version_in_manifest(all, version)) {
         require(strlen(version) < sizeof version && all.find(version) != std::string::npos);
         require(strpbrk(version, " \t\r\n<&") == nullptr);
     }
@@ -86,8 +86,7 @@ void fuzz_manifest(const Input& text) {
 
 void fuzz_key(const Input& text) {
     ad_mounter::PublicKey key;
-    require(!ad_mounter::parse_public_key(reinterpret_cast<const char*>(text.data()), text.size(),
-                                          key) ||
+    require(!ad_mounter::parse_public_key(std::string(text.begin(), text.end()), key) ||
             text.size() > 56);
 }
 
