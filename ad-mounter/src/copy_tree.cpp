@@ -85,21 +85,18 @@ int swap_trees(const Target& target, const char* temporary) {
     if (renameat2(directory, temporary, directory, target.name, RENAME_EXCHANGE) == 0) {
         return 0;
     }
-    const bool absent = errno == ENOENT;
-    if (!absent && errno != EINVAL && errno != ENOSYS && errno != EXDEV) {
+    if (errno != ENOENT && errno != EINVAL && errno != ENOSYS && errno != EXDEV) {
         return errno;
     }
-    // Without RENAME_EXCHANGE the target is missing for a moment.
-    if (!absent) {
-        const SiblingName retired = retired_name(target.name);
-        const int error = rename_within(directory, target.name, retired.text, Existing::replace);
-        // An overlay does not rename directories of its lower layer.
-        if (error != 0 &&
-            (error != EXDEV || !remove_recursively(directory, target.name, target.path).ok())) {
-            return error;
-        }
-    }
-    return rename_within(directory, temporary, target.name, Existing::replace);
+    // Without RENAME_EXCHANGE there is a moment without a tree.
+    const SiblingName retired = retired_name(target.name);
+    const int error = rename_within(directory, target.name, retired.text, Existing::replace);
+    // An overlay does not rename directories of its lower layer.
+    const bool removed =
+        error == EXDEV && remove_recursively(directory, target.name, target.path).ok();
+    return error == 0 || error == ENOENT || removed
+               ? rename_within(directory, temporary, target.name, Existing::replace)
+               : error;
 }
 
 Outcome remove_siblings(const Target& target) {

@@ -140,20 +140,28 @@ Outcome check_manifest(int top, const char* path, const char* version) {
     const auto reject = [path](const char* reason) {
         return Outcome::refused(EX_DATAERR, "check version of", path, reason);
     };
+    const auto fail = [&reject, path](int error) {
+        // A damaged file system is the image's fault.
+        return error == ENOENT || error == ELOOP || error == EIO || error == EUCLEAN
+                   ? reject("no readable manifest")
+                   : Outcome::failed("read manifest of", path, error);
+    };
     const base::UniqueFd file(
         open_entry(top, manifest_name, O_RDONLY | O_NONBLOCK | O_NOCTTY, Mounts::stay));
     struct stat status;
     if (!file || fstat(file.get(), &status) != 0) {
-        // What a damaged file system reports, too.
-        return errno == ENOENT || errno == ELOOP || errno == EIO || errno == EUCLEAN
-                   ? reject("no manifest")
-                   : Outcome::failed("open manifest of", path, errno);
+        return fail(errno);
     }
     static char text[max_manifest_size];
-    const bool fits = S_ISREG(status.st_mode) && status.st_size <= off_t{sizeof text};
-    const ssize_t length = fits ? base::read_full(file.get(), text, sizeof text) : -1;
+    if (!S_ISREG(status.st_mode) || status.st_size > off_t{sizeof text}) {
+        return reject("manifest is not a small regular file");
+    }
+    const ssize_t length = base::read_full(file.get(), text, sizeof text);
+    if (length < 0) {
+        return fail(errno);
+    }
     char found[version_size];
-    if (length < 0 || !version_in_manifest({text, static_cast<size_t>(length)}, found)) {
+    if (!version_in_manifest({text, static_cast<size_t>(length)}, found)) {
         return reject("manifest does not state a version");
     }
     return strcmp(found, version) == 0 ? Outcome() : reject("signed for another version");

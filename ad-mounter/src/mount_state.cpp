@@ -70,9 +70,9 @@ Outcome inspect_mount_point(const Target& target, const struct stat* image, Moun
         return errno == ENOENT ? Outcome() : Outcome::failed(step, target.path, errno);
     }
     const unsigned long point_id = mount_id(point.get());
-    const unsigned long parent_id = mount_id(target.directory.get());
-    if (point_id == 0 || parent_id == 0) {
-        return Outcome::refused(EX_OSERR, step, target.path, "cannot determine its mount");
+    const unsigned long parent_id = point_id != 0 ? mount_id(target.directory.get()) : 0;
+    if (parent_id == 0) {
+        return Outcome::failed(step, target.path, errno);
     }
     if (point_id == parent_id) {
         return {};

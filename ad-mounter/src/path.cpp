@@ -1,5 +1,7 @@
 #include "path.h"
 
+#include "base/file_io.h"
+
 #include <cstdlib>
 
 #include <linux/openat2.h>
@@ -28,7 +30,11 @@ int open_across_mounts(int directory, const char* name, int flags) {
 int open_in_same_mount(int directory, const char* name, int flags) {
     base::UniqueFd fd(open_across_mounts(directory, name, flags));
     const unsigned long id = fd ? mount_id(fd.get()) : 0;
-    if (fd && (id == 0 || id != mount_id(directory))) {
+    const unsigned long directory_id = id != 0 ? mount_id(directory) : 0;
+    if (directory_id == 0) {
+        return -1;
+    }
+    if (id != directory_id) {
         errno = EXDEV;
         return -1;
     }
@@ -62,12 +68,13 @@ unsigned long mount_id(int fd) {
     snprintf(path, sizeof path, "/proc/self/fdinfo/%d", fd);
     const base::UniqueFd file(open(path, O_RDONLY | O_CLOEXEC));
     char text[256];
-    const ssize_t length = read(file.get(), text, sizeof text - 1);
-    if (length <= 0) {
+    const ssize_t length = file ? base::read_full(file.get(), text, sizeof text - 1) : -1;
+    if (length < 0) {
         return 0;
     }
     text[length] = '\0';
     const char* field = strstr(text, "mnt_id:");
+    errno = ENODATA;
     return field != nullptr ? strtoul(field + strlen("mnt_id:"), nullptr, 10) : 0;
 }
 

@@ -36,7 +36,7 @@ struct DescriptorPath {
     char text[32];
 };
 
-/** The mount that an open descriptor belongs to, as in mountinfo; see proc(5). 0 on failure. */
+/** The ID of the mount that an open descriptor belongs to, see proc(5). 0 with errno on failure. */
 unsigned long mount_id(int fd);
 
 /** A component that walk_path() has come to. */

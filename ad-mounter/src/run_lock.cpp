@@ -25,7 +25,7 @@ Outcome open_run_directory(base::UniqueFd& directory) {
     Target target;
     const int error = open_parent(run_directory, target);
     if (error != 0) {
-        return Outcome::failed(EX_OSERR, "open directory of", run_directory, error);
+        return Outcome::failed("open directory of", run_directory, error);
     }
     if (mkdirat(target.directory.get(), target.name, 0700) != 0 && errno != EEXIST) {
         return Outcome::failed("create", run_directory, errno);

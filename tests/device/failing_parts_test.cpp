@@ -60,7 +60,7 @@ TEST(FailingContent, AnImageThatIsNotWhatItShouldBeIsNotStoredAndTheNextOneIs) {
     expect_refused("signed for another version");
     fs::remove(tree + "/zelADAgent.xml");
     device.publish_tree("1.05", tree);
-    expect_refused("no manifest");
+    expect_refused("no readable manifest");
     write_file(device.home("/run/garbage.img"), std::string(100000, 'x'));
     device.publish_file("1.05", device.home("/run/garbage.img"));
     expect_refused("not a squashfs or erofs image");
