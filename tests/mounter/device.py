@@ -148,7 +148,7 @@ class Device:
     def write(self, inside, content):
         os.makedirs(os.path.dirname(self.at(inside)), exist_ok=True)
         with open(self.at(inside), "wb") as file:
-            file.write(content if isinstance(content, bytes) else content.encode())
+            file.write(content.encode() if isinstance(content, str) else content)
 
     def read(self, inside):
         """The content of a file; None when there is none."""
