@@ -6,24 +6,17 @@ namespace ad_mounter {
 
 namespace {
 
-bool same(const char* one, const char* other) {
-    if (one == nullptr || other == nullptr) {
-        return one == other;
-    }
-    return strcmp(one, other) == 0;
-}
-
-Command complaint(const char* what, const char* word) {
+Command usage_error(const char* error, const char* argument) {
     Command command;
-    command.complaint = what;
-    command.complaint_word = word;
+    command.error = error;
+    command.error_argument = argument;
     return command;
 }
 
-const VerbForm* find_form(const char* option) {
-    for (const VerbForm& form : verb_forms()) {
-        if (same(form.option, option)) {
-            return &form;
+const CommandSpec* find_spec(const char* option) {
+    for (const CommandSpec& spec : command_specs) {
+        if (strcmp(spec.option, option) == 0) {
+            return &spec;
         }
     }
     return nullptr;
@@ -31,43 +24,37 @@ const VerbForm* find_form(const char* option) {
 
 }  // namespace
 
-bool asked_together(const Row& one, const Row& other) {
-    return one.verb == other.verb && same(one.first, other.first) && same(one.second, other.second);
-}
-
 Command parse_command_line(int argc, const char* const* argv) {
     if (argc < 2 || argv == nullptr || argv[1] == nullptr) {
-        return complaint("no command", nullptr);
-    }
-    const VerbForm* form = find_form(argv[1]);
-    if (form == nullptr) {
-        return complaint("unknown command", argv[1]);
-    }
-    const auto given = static_cast<size_t>(argc) - 2;
-    if (given < form->arguments) {
-        return complaint("argument missing", form->option);
-    }
-    if (given > form->arguments) {
-        return complaint("too many arguments", form->option);
+        return usage_error("missing command", nullptr);
     }
     Command command;
-    command.form = form;
-    if (form->arguments == 0) {
+    command.spec = find_spec(argv[1]);
+    if (command.spec == nullptr) {
+        return usage_error("unknown command", argv[1]);
+    }
+    const size_t wanted = command.spec->arguments;
+    const auto given = static_cast<size_t>(argc) - 2;
+    if (given != wanted) {
+        return usage_error(given < wanted ? "missing argument" : "too many arguments", argv[1]);
+    }
+    if (wanted == 0) {
         return command;
     }
-    const Row asked = {form->verb, argv[2],         form->arguments > 1 ? argv[3] : nullptr,
-                       nullptr,    Kind::directory, 0,
-                       Owner::root};
-    for (const Row& row : rows()) {
-        if (asked_together(row, asked)) {
-            command.row = &row;
+    Operation request = {};
+    request.verb = command.spec->verb;
+    request.first = argv[2];
+    request.second = wanted > 1 ? argv[3] : nullptr;
+    for (const Operation& operation : operations) {
+        if (same_request(operation, request)) {
+            command.operation = &operation;
             return command;
         }
     }
-    return complaint(form->verb == Verb::create || form->verb == Verb::remove
-                         ? "unknown name"
-                         : "not a path that this command takes",
-                     argv[2]);
+    return usage_error(wanted == 1 && request.verb != Verb::umount
+                           ? "unknown name"
+                           : "path not accepted by this command",
+                       argv[2]);
 }
 
 }  // namespace ad_mounter

@@ -1,28 +1,25 @@
-// Reads the command line against the table.
-#ifndef AD_MOUNTER_COMMAND_LINE_H
-#define AD_MOUNTER_COMMAND_LINE_H
+/**
+ * Parses the command line against the tables of operations.h.
+ */
+#pragma once
 
-#include "table.h"
+#include "operations.h"
 
 namespace ad_mounter {
 
-/** What was asked for, or why it was not understood. */
+/** What was asked for, or what is wrong with the command line. */
 struct Command {
-    const VerbForm* form = nullptr;   ///< the verb; null when not understood
-    const Row* row = nullptr;         ///< the first row asked for; null for --help and --version
-    const char* complaint = nullptr;  ///< what is wrong, when `form` is null
-    const char* complaint_word = nullptr;  ///< the word it is about; may be null
+    const CommandSpec* spec = nullptr;     ///< null when the command line is wrong
+    const Operation* operation = nullptr;  ///< the first one; null for --help and --version
+    const char* error = nullptr;           ///< set when `spec` is null
+    const char* error_argument = nullptr;  ///< the argument that `error` is about; may be null
 };
 
 /**
- * Understands an argument vector as main() gets it; `argc` may be 0. Only whole
- * words of the table count: nothing is normalised, shortened or reordered.
+ * Parses an argument vector as main() receives it; `argc` may be 0. Arguments must equal those
+ * of the tables: nothing is normalised, abbreviated or reordered. The result points into
+ * `argv` and the tables.
  */
 Command parse_command_line(int argc, const char* const* argv);
 
-/** Whether two rows are asked for by the same words. */
-bool asked_together(const Row& one, const Row& other);
-
 }  // namespace ad_mounter
-
-#endif

@@ -1,28 +1,27 @@
-// Reads a directory's entries from its descriptor, in small and fixed memory.
-#ifndef AD_MOUNTER_DIRECTORY_READER_H
-#define AD_MOUNTER_DIRECTORY_READER_H
-
-#include <cstddef>
+/**
+ * Reads a directory's entries in small, fixed memory.
+ */
+#pragma once
 
 #include <dirent.h>
 
 namespace ad_mounter {
 
-/** One entry; `name` is valid until the next call of next(). */
+/** One entry; `name` is valid until the next call of DirectoryReader::next(). */
 struct DirectoryEntry {
     const char* name;
     unsigned char type;  ///< DT_DIR and so on; DT_UNKNOWN where the file system does not say
 };
 
-/** getdents64(2) over `directory`, without "." and "..". The descriptor is not owned. */
+/** getdents64(2) on an open directory, without "." and "..". The descriptor is not owned. */
 class DirectoryReader {
 public:
     explicit DirectoryReader(int directory) : directory_(directory) {}
 
-    /** The next entry; false at the end and on an error. */
+    /** Reads the next entry. False at the end and on an error. */
     bool next(DirectoryEntry& entry);
 
-    /** 0, or the errno that ended the reading. */
+    /** 0, or the errno value that ended the reading. */
     int error() const { return error_; }
 
 private:
@@ -34,5 +33,3 @@ private:
 };
 
 }  // namespace ad_mounter
-
-#endif

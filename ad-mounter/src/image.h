@@ -1,8 +1,9 @@
-// Decides whether a file is an image that may be mounted.
-#ifndef AD_MOUNTER_IMAGE_H
-#define AD_MOUNTER_IMAGE_H
+/**
+ * Recognises the file systems that an image may hold.
+ */
+#pragma once
 
-#include "messages.h"
+#include "outcome.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -11,33 +12,32 @@ namespace ad_mounter {
 
 enum class FileSystem : unsigned char { squashfs, erofs };
 
-/** What an image's first bytes say. */
+/** What an image's superblock says. */
 struct Recognition {
-    const char* refusal = nullptr;  ///< why it is none of ours; null when it is
+    const char* rejection = nullptr;  ///< why the image is not accepted; null when it is
     FileSystem type = FileSystem::squashfs;
 };
 
-/** As many of an image's first bytes as recognise_image() looks at. */
+/** How many of an image's first bytes recognise_image() reads. */
 constexpr size_t image_header_size = 1024 + 128;
 
 /**
- * Looks at the first `length` bytes of a file of `file_size` bytes: the magic
- * number, the version, and that the file system is not longer than the file.
+ * Checks the first `length` bytes of a file of `file_size` bytes: magic number, version, and
+ * that the file system is not longer than the file.
  */
 Recognition recognise_image(const unsigned char* header, size_t length, uint64_t file_size);
 
-/** The name of a file system as mount(2) takes it. */
+/** The name of a file system for mount(2). */
 const char* file_system_name(FileSystem type);
 
 /**
- * Judges the open file `fd`, the very descriptor that is mounted or moved on:
- * a regular file that holds squashfs or erofs. `path` is for the failure's line.
+ * Checks that the open file `fd` is a regular file holding a squashfs or erofs file system.
+ * Its descriptor, not its name, is what gets mounted or stored later. `path` is for error
+ * messages.
  */
-Outcome judge_image(int fd, const char* path, FileSystem& type);
+Outcome validate_image(int fd, const char* path, FileSystem& type);
 
-/** The same when only the first `size` bytes of the file may hold the file system. */
-Outcome judge_image(int fd, const char* path, uint64_t size, FileSystem& type);
+/** As above, for a file system within the first `size` bytes of any file. */
+Outcome validate_image(int fd, const char* path, uint64_t size, FileSystem& type);
 
 }  // namespace ad_mounter
-
-#endif

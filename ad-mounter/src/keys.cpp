@@ -1,151 +1,118 @@
 #include "keys.h"
 
+#include "base/file_io.h"
+#include "base/unique_fd.h"
 #include "directory_reader.h"
-#include "pinned_path.h"
-#include "table.h"
+#include "operations.h"
+#include "path.h"
 
 #include <cerrno>
 #include <cstring>
-#include <string_view>
 
 #include <fcntl.h>
-#include <sodium.h>
 #include <sys/stat.h>
 
 namespace ad_mounter {
 
 namespace {
 
-constexpr const char* step = "reading the keys";
-constexpr std::string_view algorithm = "Ed";
-constexpr std::string_view comment_prefix = "untrusted comment: ";
-constexpr size_t longest_key_file = 1024;
+constexpr const char* no_key = "no public key installed";
+constexpr const char* symbolic_link = "symbolic link not allowed";
+constexpr const char* writable = "writable by users other than root";
+constexpr size_t max_key_file_size = 1024;
 
-Outcome refuse(const char* path, const char* reason) {
-    return Outcome::refused(EX_DATAERR, step, path, reason);
-}
-
-Outcome fail(const char* path, int error) {
-    if (error == ENOENT || error == ENOTDIR) {
-        return refuse(path, "no key, so no image is trusted");
-    }
-    return error == ELOOP ? refuse(path, "a symbolic link is in the way")
-                          : Outcome::failed(step, path, error);
+// Whether something is wrong with what is installed rather than with the system.
+bool is_installation_error(int error) {
+    return error == ENOENT || error == ENOTDIR || error == ELOOP;
 }
 
 bool only_root_writes(const struct stat& status) {
     return status.st_uid == 0 && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
-// Opens the directory of keys; nobody but root may be able to put another one
-// in its place.
-Outcome open_directory(UniqueFd& directory) {
-    char component[64];
-    directory.reset(open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    for (const char* rest = key_directory;;) {
-        struct stat status;
-        if (!directory.valid() || fstat(directory.get(), &status) != 0) {
-            return fail(key_directory, errno);
-        }
-        if (!only_root_writes(status)) {
-            return refuse(key_directory, "others than root can change it");
-        }
-        if (*rest == '\0') {
-            return {};
-        }
-        const char* name = rest + 1;
-        const size_t length = strcspn(name, "/");
-        if (length >= sizeof component) {
-            return fail(key_directory, ENAMETOOLONG);
-        }
-        memcpy(component, name, length);
-        component[length] = '\0';
-        rest = name + length;
-        directory.reset(
-            open_beneath(directory.get(), component, O_RDONLY | O_DIRECTORY, Mounts::cross));
-    }
+Outcome reject_keys(const char* reason) {
+    return Outcome::refused(EX_DATAERR, "read keys in", key_directory, reason);
 }
 
-bool is_key_name(const char* name) {
-    constexpr std::string_view suffix = ".pub";
-    const size_t length = strlen(name);
-    return length > suffix.size() && name + length - suffix.size() == suffix;
+// Opens the key directory, provided that only root can put another one in its place.
+Outcome open_key_directory(base::UniqueFd& directory) {
+    const char* rejection = nullptr;
+    directory.reset(walk_path(key_directory, [&rejection](const Component& component) {
+        base::UniqueFd fd(
+            open_entry(component.parent, component.name, O_RDONLY | O_DIRECTORY, Mounts::cross));
+        struct stat status;
+        if (!fd || fstat(fd.get(), &status) != 0) {
+            return -1;
+        }
+        if (!only_root_writes(status)) {
+            rejection = writable;
+            return -1;
+        }
+        return fd.release();
+    }));
+    if (rejection != nullptr) {
+        return reject_keys(rejection);
+    }
+    if (!directory && is_installation_error(errno)) {
+        return reject_keys(errno == ELOOP ? symbolic_link : no_key);
+    }
+    return directory ? Outcome() : Outcome::failed("read keys in", key_directory, errno);
+}
+
+Outcome reject_key(int directory, const char* name, const char* reason) {
+    return Outcome::entry_refused(EX_DATAERR, "read key", directory, name, reason);
 }
 
 Outcome load_key(int directory, const char* name, PublicKey& key) {
-    const UniqueFd file(
-        open_beneath(directory, name, O_RDONLY | O_NONBLOCK | O_NOCTTY, Mounts::cross));
+    const base::UniqueFd file(
+        open_entry(directory, name, O_RDONLY | O_NONBLOCK | O_NOCTTY, Mounts::cross));
     struct stat status;
-    if (!file.valid() || fstat(file.get(), &status) != 0) {
-        const int error = errno;
-        return fail(remember_path(directory, name), error);
+    if (!file || fstat(file.get(), &status) != 0) {
+        return errno == ELOOP ? reject_key(directory, name, symbolic_link)
+                              : Outcome::entry_failed("read key", directory, name, errno);
     }
-    if (!S_ISREG(status.st_mode) || !only_root_writes(status)) {
-        return refuse(remember_path(directory, name), S_ISREG(status.st_mode)
-                                                          ? "others than root can change it"
-                                                          : "not a regular file");
+    if (!S_ISREG(status.st_mode)) {
+        return reject_key(directory, name, "not a regular file");
     }
-    char text[longest_key_file];
-    const ssize_t length = read(file.get(), text, sizeof text);
+    if (!only_root_writes(status)) {
+        return reject_key(directory, name, writable);
+    }
+    char text[max_key_file_size];
+    const ssize_t length = base::read_full(file.get(), text, sizeof text);
     if (length < 0) {
-        const int error = errno;
-        return fail(remember_path(directory, name), error);
+        return Outcome::entry_failed("read key", directory, name, errno);
     }
-    return parse_public_key(text, static_cast<size_t>(length), key)
+    return parse_public_key({text, static_cast<size_t>(length)}, key)
                ? Outcome()
-               : refuse(remember_path(directory, name), "not a minisign public key");
+               : reject_key(directory, name, "not a minisign public key");
+}
+
+bool is_key_name(const char* name) {
+    const char* suffix = strrchr(name, '.');
+    return suffix != nullptr && suffix != name && strcmp(suffix, ".pub") == 0;
 }
 
 }  // namespace
 
-bool parse_public_key(const char* text, size_t length, PublicKey& key) {
-    std::string_view rest(text, length);
-    const size_t first_end = rest.find('\n');
-    if (first_end == std::string_view::npos ||
-        rest.compare(0, comment_prefix.size(), comment_prefix) != 0) {
-        return false;
-    }
-    rest.remove_prefix(first_end + 1);
-    size_t line = rest.find_first_of("\r\n");
-    if (line == std::string_view::npos) {
-        line = rest.size();
-    }
-    unsigned char bytes[algorithm.size() + sizeof(PublicKey)];
-    size_t decoded = 0;
-    const char* end = nullptr;
-    if (sodium_base642bin(bytes, sizeof bytes, rest.data(), line, nullptr, &decoded, &end,
-                          sodium_base64_VARIANT_ORIGINAL) != 0 ||
-        decoded != sizeof bytes || end != rest.data() + line ||
-        memcmp(bytes, algorithm.data(), algorithm.size()) != 0) {
-        return false;
-    }
-    memcpy(key.id, bytes + algorithm.size(), sizeof key.id);
-    memcpy(key.key, bytes + algorithm.size() + sizeof key.id, sizeof key.key);
-    return true;
-}
-
 Outcome load_keys(Keys& keys) {
-    UniqueFd directory;
-    Outcome outcome = open_directory(directory);
-    if (!outcome.ok()) {
-        return outcome;
-    }
+    base::UniqueFd directory;
+    TRY(open_key_directory(directory));
     DirectoryReader reader(directory.get());
     DirectoryEntry entry;
     keys.count = 0;
-    while (outcome.ok() && reader.next(entry)) {
+    while (reader.next(entry)) {
         if (!is_key_name(entry.name)) {
             continue;
         }
-        if (keys.count == most_keys) {
-            return refuse(key_directory, "there are too many keys");
+        if (keys.count == max_keys) {
+            return reject_keys("too many keys");
         }
-        outcome = load_key(directory.get(), entry.name, keys.keys[keys.count++]);
+        TRY(load_key(directory.get(), entry.name, keys.keys[keys.count++]));
     }
-    if (outcome.ok() && reader.error() != 0) {
-        return fail(key_directory, reader.error());
+    if (reader.error() != 0) {
+        return Outcome::failed("read keys in", key_directory, reader.error());
     }
-    return outcome.ok() && keys.count == 0 ? fail(key_directory, ENOENT) : outcome;
+    return keys.count > 0 ? Outcome() : reject_keys(no_key);
 }
 
 }  // namespace ad_mounter

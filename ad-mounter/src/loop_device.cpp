@@ -1,6 +1,6 @@
 #include "loop_device.h"
 
-#include "pinned_path.h"
+#include "path.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -18,26 +18,26 @@ namespace ad_mounter {
 
 namespace {
 
-constexpr const char* step = "setting up a loop device";
-// Others take loop devices too; between asking for a free one and taking it
-// one may be gone. About a second in all.
-constexpr int attach_tries = 64;
-constexpr int tries_without_pause = 8;
+constexpr const char* step = "set up loop device for";
+// Another process may take the free device that the kernel has named. About a second in all.
+constexpr int attach_attempts = 64;
+constexpr int attempts_without_pause = 8;
 constexpr long pause_nanoseconds = 20'000'000;
 
 void pause_before(int attempt) {
-    if (attempt >= tries_without_pause) {
+    if (attempt >= attempts_without_pause) {
         const timespec pause = {0, pause_nanoseconds};
         nanosleep(&pause, nullptr);
     }
 }
 
-// Opens /dev/loopN and makes sure that it is that device. -1 with errno.
+// Opens /dev/loopN and checks that it is that device: udev's names are not the kernel's.
+// Returns a descriptor or -1 with errno.
 int open_loop_device(unsigned number, char* path, size_t size) {
     snprintf(path, size, "/dev/loop%u", number);
-    UniqueFd fd(open_absolute(path, O_RDONLY | O_NONBLOCK));
+    base::UniqueFd fd(open_path(path, O_RDONLY | O_NONBLOCK));
     struct stat status;
-    if (!fd.valid() || fstat(fd.get(), &status) != 0) {
+    if (!fd || fstat(fd.get(), &status) != 0) {
         return -1;
     }
     if (!S_ISBLK(status.st_mode) || status.st_rdev != makedev(LOOP_MAJOR, number)) {
@@ -47,15 +47,15 @@ int open_loop_device(unsigned number, char* path, size_t size) {
     return fd.release();
 }
 
-bool try_again(int error) { return error == EBUSY || error == EAGAIN || error == ENXIO; }
+bool is_temporary(int error) { return error == EBUSY || error == EAGAIN || error == ENXIO; }
 
 }  // namespace
 
 Outcome attach_loop_device(int image, const char* file_name, LoopDevice& loop) {
     constexpr const char* control_path = "/dev/loop-control";
-    const UniqueFd control(open_absolute(control_path, O_RDWR));
-    if (!control.valid()) {
-        return Outcome::failed(EX_OSERR, step, control_path, errno);
+    const base::UniqueFd control(open_path(control_path, O_RDWR));
+    if (!control) {
+        return Outcome::failed("open", control_path, errno);
     }
     loop_config config = {};
     config.fd = static_cast<unsigned>(image);
@@ -63,7 +63,7 @@ Outcome attach_loop_device(int image, const char* file_name, LoopDevice& loop) {
     snprintf(reinterpret_cast<char*>(config.info.lo_file_name), sizeof config.info.lo_file_name,
              "%s", file_name);
     int error = 0;
-    for (int attempt = 0; attempt < attach_tries; ++attempt) {
+    for (int attempt = 0; attempt < attach_attempts; ++attempt) {
         pause_before(attempt);
         const int number = ioctl(control.get(), LOOP_CTL_GET_FREE);
         if (number < 0) {
@@ -71,28 +71,27 @@ Outcome attach_loop_device(int image, const char* file_name, LoopDevice& loop) {
         } else {
             loop.fd.reset(
                 open_loop_device(static_cast<unsigned>(number), loop.path, sizeof loop.path));
-            if (loop.fd.valid() && ioctl(loop.fd.get(), LOOP_CONFIGURE, &config) == 0) {
-                loop.device = makedev(LOOP_MAJOR, static_cast<unsigned>(number));
+            if (loop.fd && ioctl(loop.fd.get(), LOOP_CONFIGURE, &config) == 0) {
                 return {};
             }
             error = errno;
             loop.fd.reset();
         }
-        if (!try_again(error)) {
-            return Outcome::failed(number < 0 ? control_path : step, file_name, error);
+        if (!is_temporary(error)) {
+            return Outcome::failed(step, file_name, error);
         }
     }
     return Outcome::failed(EX_TEMPFAIL, step, file_name, error);
 }
 
-bool loop_backing(dev_t device, LoopBacking& backing) {
+bool query_loop_device(dev_t device, LoopBacking& backing) {
     if (major(device) != LOOP_MAJOR) {
         return false;
     }
     char path[32];
-    const UniqueFd fd(open_loop_device(minor(device), path, sizeof path));
+    const base::UniqueFd fd(open_loop_device(minor(device), path, sizeof path));
     loop_info64 info = {};
-    if (!fd.valid() || ioctl(fd.get(), LOOP_GET_STATUS64, &info) != 0 || info.lo_offset != 0 ||
+    if (!fd || ioctl(fd.get(), LOOP_GET_STATUS64, &info) != 0 || info.lo_offset != 0 ||
         info.lo_sizelimit != 0) {
         return false;
     }

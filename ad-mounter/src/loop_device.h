@@ -1,24 +1,24 @@
-// Loop devices: setting one up, and asking one what is behind it.
-#ifndef AD_MOUNTER_LOOP_DEVICE_H
-#define AD_MOUNTER_LOOP_DEVICE_H
+/**
+ * Sets up loop devices and queries them, see loop(4).
+ */
+#pragma once
 
-#include "messages.h"
-#include "unique_fd.h"
+#include "base/unique_fd.h"
+#include "outcome.h"
 
 #include <sys/types.h>
 
 namespace ad_mounter {
 
-/** A loop device of ours. It frees itself with its last user, this object or a mount. */
+/** A loop device that detaches itself when its last user, this object or a mount, is gone. */
 struct LoopDevice {
-    UniqueFd fd;
-    dev_t device = 0;
+    base::UniqueFd fd;
     char path[32] = "";
 };
 
 /**
- * Attaches the open file `image` to a free loop device, read-only and with
- * auto-clear (loop(4)). `file_name` is what the device tells about its file.
+ * Attaches the open file `image` to a free loop device, read-only and with autoclear.
+ * `file_name`, at most 63 characters, is what the device reports as its backing file.
  */
 Outcome attach_loop_device(int image, const char* file_name, LoopDevice& loop);
 
@@ -29,9 +29,7 @@ struct LoopBacking {
     char file_name[64];
 };
 
-/** Asks the loop device `device`. False when it is none of a whole file, or cannot be asked. */
-bool loop_backing(dev_t device, LoopBacking& backing);
+/** Queries the block device `device`. False unless it is a loop device over a whole file. */
+bool query_loop_device(dev_t device, LoopBacking& backing);
 
 }  // namespace ad_mounter
-
-#endif

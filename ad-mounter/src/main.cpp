@@ -1,14 +1,9 @@
 #include "command_line.h"
-#include "copy.h"
-#include "create.h"
 #include "messages.h"
-#include "mount.h"
 #include "privileges.h"
 #include "process_start.h"
-#include "remove.h"
-#include "replace.h"
 #include "run_lock.h"
-#include "tree_copy.h"
+#include "verbs.h"
 
 #include <cstdio>
 
@@ -19,93 +14,81 @@ namespace ad_mounter {
 namespace {
 
 bool print_help() {
-    char text[4096];
-    int used = snprintf(text, sizeof text, "Usage: ad-mounter COMMAND [ARGUMENT...]\n\n");
-    const auto add = [&text, &used](const char* one, const char* two, const char* three) {
-        used += snprintf(text + used, sizeof text - static_cast<size_t>(used), "  %-14s%-20s %s\n",
-                         one, two, three);
-    };
-    for (const VerbForm& form : verb_forms()) {
-        add(form.option, form.synopsis, form.summary);
+    bool printed = print("Usage: ad-mounter COMMAND [ARGUMENT...]\n\n");
+    char text[256];
+    for (const CommandSpec& spec : command_specs) {
+        snprintf(text, sizeof text, "  %-13s %-19s %s\n", spec.option, spec.synopsis, spec.summary);
+        printed = printed && print(text);
     }
-    used += snprintf(text + used, sizeof text - static_cast<size_t>(used),
-                     "\nNames and paths, and no others:\n");
-    for (const Row& row : rows()) {
-        for (const VerbForm& form : verb_forms()) {
-            if (form.verb == row.verb) {
-                used += snprintf(text + used, sizeof text - static_cast<size_t>(used),
-                                 "  %s %s\n      %s\n", form.option, row.first,
-                                 row.second != nullptr ? row.second : row.target);
+    printed = printed && print("\nAccepted names and paths:\n");
+    for (const Operation& operation : operations) {
+        for (const CommandSpec& spec : command_specs) {
+            if (spec.verb == operation.verb) {
+                snprintf(text, sizeof text, "  %s %s\n      %s\n", spec.option, operation.first,
+                         operation.second != nullptr ? operation.second : operation.target);
+                printed = printed && print(text);
             }
         }
     }
-    return print(text);
+    return printed;
 }
 
-Outcome perform(const Row& row, const Caller& caller) {
-    switch (row.verb) {
+Outcome perform(const Operation& operation, const Caller& caller) {
+    switch (operation.verb) {
         case Verb::create:
-            return create(row, caller);
+            return create_target(operation, caller);
         case Verb::remove:
-            return remove(row);
+            return remove_target(operation);
         case Verb::mount:
-            return mount_image(row);
+            return mount_image(operation);
         case Verb::umount:
-            return unmount_image(row);
+            return unmount_image(operation);
         case Verb::replace_image:
-            return replace_image(row, caller);
+            return replace_image(operation, caller);
         case Verb::copy_library:
-            return copy_library(row, caller);
+            return copy_library(operation, caller);
         case Verb::copy_tree:
-            return copy_tree(row, caller);
+            return copy_tree(operation, caller);
         default:
-            return Outcome::refused(EX_SOFTWARE, "performing", row.first, "no such operation");
+            return Outcome::refused(EX_SOFTWARE, "perform", operation.first, "not an operation");
     }
 }
 
-// The rows that were asked for, under the lock; its end is this function's.
-Outcome perform_locked(const Row& asked, const Caller& caller) {
+Outcome perform_request(const Command& command) {
+    Caller caller = {};
+    TRY(become_root(caller));
+    TRY(drop_privileges(*command.spec));
     RunLock lock;
-    Outcome outcome = lock.take();
-    if (!outcome.ok()) {
-        return outcome;
-    }
-    hold_signals();
-    for (const Row& row : rows()) {
-        if (outcome.ok() && asked_together(row, asked)) {
-            outcome = perform(row, caller);
+    TRY(lock.acquire());
+    block_signals();
+    for (const Operation& operation : operations) {
+        if (same_request(operation, *command.operation)) {
+            TRY(perform(operation, caller));
         }
     }
-    return outcome;
+    return {};
 }
 
 int run(int argc, const char* const* argv) {
     Outcome outcome = prepare_process();
     if (!outcome.ok()) {
-        report("start", outcome);
+        report(nullptr, outcome);
         return outcome.status();
     }
     const Command command = parse_command_line(argc, argv);
-    if (command.form == nullptr) {
-        report_usage(command.complaint, command.complaint_word);
+    if (command.spec == nullptr) {
+        report_usage(command.error, command.error_argument);
         return EX_USAGE;
     }
-    if (command.form->verb == Verb::help) {
+    if (command.spec->verb == Verb::help) {
         return print_help() ? EX_OK : EX_IOERR;
     }
-    if (command.form->verb == Verb::version) {
+    if (command.spec->verb == Verb::version) {
         return print("ad-mounter " AD_MOUNTER_VERSION "\n") ? EX_OK : EX_IOERR;
     }
-    Caller caller = {};
-    outcome = become_root(caller);
-    if (outcome.ok()) {
-        outcome = reduce_rights(command.form->verb);
-    }
-    if (outcome.ok()) {
-        outcome = perform_locked(*command.row, caller);
-    }
+    outcome = perform_request(command);
     if (!outcome.ok()) {
-        report(command.form->option, outcome);
+        report(command.spec->option, outcome);
     }
     return outcome.status();
 }
@@ -115,6 +98,6 @@ int run(int argc, const char* const* argv) {
 }  // namespace ad_mounter
 
 int main(int argc, char** argv) {
-    // Nothing is buffered and nothing is registered to run at the end.
+    // There is nothing to flush and no handler to run.
     _exit(ad_mounter::run(argc, argv));
 }

@@ -1,10 +1,11 @@
 #include "manifest.h"
 
-#include "pinned_path.h"
+#include "base/file_io.h"
+#include "base/unique_fd.h"
+#include "path.h"
 
 #include <cerrno>
 #include <cstring>
-#include <string_view>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -14,14 +15,13 @@ namespace ad_mounter {
 namespace {
 
 constexpr const char* manifest_name = "zelADAgent.xml";
-// Far more than a manifest has.
-constexpr size_t longest_manifest = 16384;
+constexpr size_t max_manifest_size = 16384;
 constexpr const char* blanks = " \t\r\n";
 
-// Markup, taken from the front.
+// The rest of a manifest, consumed from the front.
 class Markup {
 public:
-    Markup(const char* text, size_t length) : rest_(text, length) {}
+    explicit Markup(std::string_view text) : rest_(text) {}
 
     bool skip(std::string_view expected) {
         if (rest_.compare(0, expected.size(), expected) != 0) {
@@ -40,8 +40,8 @@ public:
         return true;
     }
 
-    // The rest of a start tag behind its "<". `empty` is for "<name/>".
-    bool take_tag(std::string_view& name, bool& empty) {
+    // Consumes a start tag after its "<". `empty` stands for "<name/>".
+    bool consume_tag(std::string_view& name, bool& empty) {
         const size_t end = rest_.find_first_of(" \t\r\n/><");
         if (end == std::string_view::npos || end == 0) {
             return false;
@@ -65,8 +65,8 @@ public:
         }
     }
 
-    // Text up to the end tag of `name`, without the blanks around it.
-    bool take_text(std::string_view name, std::string_view& text) {
+    // Consumes text up to the end tag of `name`; returns it without surrounding blanks.
+    bool consume_text(std::string_view name, std::string_view& text) {
         const size_t end = rest_.find('<');
         if (end == std::string_view::npos) {
             return false;
@@ -79,7 +79,7 @@ public:
         }
         text.remove_prefix(from);
         text.remove_suffix(text.size() - 1 - text.find_last_not_of(blanks));
-        // References to characters are not resolved here.
+        // Character references are not resolved.
         return text.find('&') == std::string_view::npos;
     }
 
@@ -87,8 +87,8 @@ private:
     std::string_view rest_;
 };
 
-// What is no element. False when it has no end or is of a kind not expected here.
-bool skip_other(Markup& markup, bool& skipped) {
+// Skips a comment or a processing instruction. False for other markup that is not an element.
+bool skip_non_element(Markup& markup, bool& skipped) {
     skipped = true;
     if (markup.skip("!--")) {
         return markup.skip_past("-->");
@@ -104,7 +104,7 @@ bool find_version(Markup markup, std::string_view& version) {
     int depth = 0;
     while (markup.skip_past("<")) {
         bool skipped = false;
-        if (!skip_other(markup, skipped)) {
+        if (!skip_non_element(markup, skipped)) {
             return false;
         }
         if (skipped) {
@@ -118,11 +118,11 @@ bool find_version(Markup markup, std::string_view& version) {
         }
         std::string_view name;
         bool empty = false;
-        if (!markup.take_tag(name, empty) || (empty && depth == 0)) {
+        if (!markup.consume_tag(name, empty) || (empty && depth == 0)) {
             return false;
         }
         if (depth == 1 && name == "Version") {
-            return !empty && markup.take_text(name, version);
+            return !empty && markup.consume_text(name, version);
         }
         depth += empty ? 0 : 1;
     }
@@ -131,32 +131,40 @@ bool find_version(Markup markup, std::string_view& version) {
 
 }  // namespace
 
-bool version_in_manifest(const char* text, size_t length, char (&version)[version_size]) {
+bool version_in_manifest(std::string_view text, char (&version)[version_size]) {
     std::string_view found;
-    return find_version(Markup(text, length), found) && keep_version(found, version);
+    return find_version(Markup(text), found) && copy_version(found, version);
 }
 
 Outcome check_manifest(int top, const char* path, const char* version) {
-    constexpr const char* step = "comparing the version";
-    const UniqueFd file(
-        open_beneath(top, manifest_name, O_RDONLY | O_NONBLOCK | O_NOCTTY, Mounts::stay));
+    const auto reject = [path](const char* reason) {
+        return Outcome::refused(EX_DATAERR, "check version of", path, reason);
+    };
+    const auto fail = [&reject, path](int error) {
+        // A damaged file system is the image's fault.
+        return error == ENOENT || error == ELOOP || error == EIO || error == EUCLEAN
+                   ? reject("no readable manifest")
+                   : Outcome::failed("read manifest of", path, error);
+    };
+    const base::UniqueFd file(
+        open_entry(top, manifest_name, O_RDONLY | O_NONBLOCK | O_NOCTTY, Mounts::stay));
     struct stat status;
-    if (!file.valid() || fstat(file.get(), &status) != 0) {
-        return errno == ENOENT || errno == ELOOP || errno == EIO || errno == EUCLEAN
-                   ? Outcome::refused(EX_DATAERR, step, path, "it has no manifest")
-                   : Outcome::failed(step, path, errno);
+    if (!file || fstat(file.get(), &status) != 0) {
+        return fail(errno);
     }
-    static char text[longest_manifest];
-    const ssize_t length = S_ISREG(status.st_mode) && status.st_size <= ssize_t{sizeof text}
-                               ? read(file.get(), text, sizeof text)
-                               : -1;
+    static char text[max_manifest_size];
+    if (!S_ISREG(status.st_mode) || status.st_size > off_t{sizeof text}) {
+        return reject("manifest is not a small regular file");
+    }
+    const ssize_t length = base::read_full(file.get(), text, sizeof text);
+    if (length < 0) {
+        return fail(errno);
+    }
     char found[version_size];
-    if (length < 0 || !version_in_manifest(text, static_cast<size_t>(length), found)) {
-        return Outcome::refused(EX_DATAERR, step, path, "its manifest names no version");
+    if (!version_in_manifest({text, static_cast<size_t>(length)}, found)) {
+        return reject("manifest does not state a version");
     }
-    return strcmp(found, version) == 0
-               ? Outcome()
-               : Outcome::refused(EX_DATAERR, step, path, "it is signed for another version");
+    return strcmp(found, version) == 0 ? Outcome() : reject("signed for another version");
 }
 
 }  // namespace ad_mounter

@@ -1,29 +1,27 @@
-// The manifest inside an image.
-#ifndef AD_MOUNTER_MANIFEST_H
-#define AD_MOUNTER_MANIFEST_H
+/**
+ * The manifest inside an image.
+ */
+#pragma once
 
-#include "messages.h"
+#include "outcome.h"
 #include "version_text.h"
 
-#include <cstddef>
+#include <string_view>
 
 namespace ad_mounter {
 
 /**
- * Finds the text of the first element "Version" directly inside the root
- * element, without the blanks around it. False when there is none, when it is
- * empty or too long, or when the manifest is more than elements, comments and
- * processing instructions.
+ * Finds the text of the first "Version" element directly inside the root element, without
+ * surrounding blanks. Returns false when there is none, when it is not a version, or when the
+ * manifest holds more than elements, comments and processing instructions before it.
  */
-bool version_in_manifest(const char* text, size_t length, char (&version)[version_size]);
+bool version_in_manifest(std::string_view text, char (&version)[version_size]);
 
 /**
- * Compares the version in the manifest in `top`, an image's open top directory,
- * with `version`. An image whose manifest cannot be read is refused as well.
- * `path` is for the failure's line.
+ * Compares the version in the manifest of a mounted image, whose top directory is open as
+ * `top`, with `version`. Refuses an image without a readable manifest as well. `path` is for
+ * error messages.
  */
 Outcome check_manifest(int top, const char* path, const char* version);
 
 }  // namespace ad_mounter
-
-#endif

@@ -4,12 +4,13 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <unistd.h>
 
 namespace ad_mounter {
 
 namespace {
 
-// Cuts the next field, ended by a blank, off `rest`; null when there is none.
+// Cuts the next field, which ends at a blank, off `rest`. Null when there is none.
 char* cut_field(char*& rest) {
     if (rest == nullptr || *rest == '\0') {
         return nullptr;
@@ -39,7 +40,7 @@ bool parse(char* line, MountEntry& entry) {
     if (entry.source == nullptr) {
         return false;
     }
-    entry.id = strtoull(id, nullptr, 10);
+    entry.id = strtoul(id, nullptr, 10);
     return true;
 }
 
@@ -59,7 +60,7 @@ bool MountList::next_line(char*& line) {
         end_ -= begin_;
         begin_ = 0;
         if (end_ == sizeof buffer_) {
-            // A line longer than the buffer: none of ours; its end is read as the next one.
+            // Not a mount of ours: its line would fit. The rest of it counts as a line.
             end_ = 0;
         }
         const ssize_t got = read(file_.get(), buffer_ + end_, sizeof buffer_ - end_);

@@ -1,9 +1,9 @@
 #include "prepared_mount.h"
 
 #include "directory_reader.h"
-#include "mounted.h"
-#include "pinned_path.h"
-#include "table.h"
+#include "mount_state.h"
+#include "operations.h"
+#include "path.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -11,18 +11,16 @@
 
 #include <fcntl.h>
 #include <sys/mount.h>
+#include <unistd.h>
 
 namespace ad_mounter {
 
 namespace {
 
-constexpr const char* step = "mounting";
-
-// A mount of `source` that is attached nowhere yet. -1 with errno.
-int detached_mount(FileSystem type, const char* source) {
-    const UniqueFd context(fsopen(file_system_name(type), FSOPEN_CLOEXEC));
-    if (!context.valid() ||
-        fsconfig(context.get(), FSCONFIG_SET_STRING, "source", source, 0) != 0 ||
+// Returns a descriptor of a mount that is not attached, or -1 with errno.
+int create_detached_mount(FileSystem type, const char* source) {
+    const base::UniqueFd context(fsopen(file_system_name(type), FSOPEN_CLOEXEC));
+    if (!context || fsconfig(context.get(), FSCONFIG_SET_STRING, "source", source, 0) != 0 ||
         fsconfig(context.get(), FSCONFIG_SET_FLAG, "ro", nullptr, 0) != 0 ||
         fsconfig(context.get(), FSCONFIG_CMD_CREATE, nullptr, nullptr, 0) != 0) {
         return -1;
@@ -31,75 +29,75 @@ int detached_mount(FileSystem type, const char* source) {
                    MOUNT_ATTR_RDONLY | MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV);
 }
 
+// Removes what killed runs left behind.
 Outcome remove_labels(int directory) {
     DirectoryReader reader(directory);
     DirectoryEntry entry;
     while (reader.next(entry)) {
         if (is_image_label(entry.name) && unlinkat(directory, entry.name, 0) != 0) {
-            return Outcome::failed("removing a label", run_directory, errno);
+            return Outcome::failed("remove mount label in", run_directory, errno);
         }
     }
     return {};
 }
 
-// erofs takes a plain file, but only by name. The name is a link in root's own
-// directory to the descriptor, so it is this file and no other; and as the
-// kernel lists the mount under it, it tells later which image is mounted.
-// Where the kernel cannot do this nothing is prepared.
-Outcome prepare_file(const ImageFile& image, PreparedMount& prepared) {
-    const UniqueFd directory(open_absolute(run_directory, O_RDONLY | O_DIRECTORY));
-    if (!directory.valid()) {
-        return Outcome::failed(step, run_directory, errno);
+// erofs mounts plain files, but only by name. The name is a symbolic link to the descriptor in
+// root's own directory, so that it cannot lead to another file; the kernel shows it as the
+// source of the mount, which identifies the image later. Older kernels do not mount files:
+// then `prepared` stays as it is.
+Outcome prepare_from_file(const ImageFile& image, PreparedMount& prepared) {
+    const base::UniqueFd directory(open_path(run_directory, O_RDONLY | O_DIRECTORY));
+    if (!directory) {
+        return Outcome::failed("open", run_directory, errno);
     }
-    const Outcome cleaned = remove_labels(directory.get());
-    if (!cleaned.ok()) {
-        return cleaned;
-    }
+    TRY(remove_labels(directory.get()));
     const ImageLabel label = image_label(image.status);
     if (symlinkat(DescriptorPath(image.fd).text, directory.get(), label.text) != 0) {
         return {};
     }
     char source[128];
     snprintf(source, sizeof source, "%s/%s", run_directory, label.text);
-    prepared.detached.reset(detached_mount(image.type, source));
-    if (unlinkat(directory.get(), label.text, 0) != 0) {
-        return Outcome::failed("removing a label", run_directory, errno);
-    }
-    return {};
+    prepared.detached.reset(create_detached_mount(image.type, source));
+    return unlinkat(directory.get(), label.text, 0) == 0
+               ? Outcome()
+               : Outcome::failed("remove mount label in", run_directory, errno);
 }
 
-Outcome prepare_loop(const ImageFile& image, const char* path, PreparedMount& prepared) {
-    const Outcome attached = attach_loop_device(image.fd, stored_image, prepared.loop);
-    if (!attached.ok()) {
-        return attached;
-    }
-    prepared.detached.reset(detached_mount(image.type, prepared.loop.path));
-    if (prepared.detached.valid() || errno == ENOSYS || errno == EPERM) {
+Outcome prepare_from_loop_device(const ImageFile& image, const char* path,
+                                 PreparedMount& prepared) {
+    TRY(attach_loop_device(image.fd, stored_image, prepared.loop));
+    prepared.detached.reset(create_detached_mount(image.type, prepared.loop.path));
+    if (prepared.detached || errno == ENOSYS) {
         return {};
     }
-    // What the kernel says to an image that it cannot make sense of.
     const int error = errno;
-    for (const int refusal : {EINVAL, EIO, EUCLEAN, EBADMSG, EOPNOTSUPP}) {
-        if (error == refusal) {
-            return Outcome::failed(EX_DATAERR, step, path, error);
+    // How file systems report damage.
+    for (const int damaged : {EINVAL, EIO, EUCLEAN, EBADMSG, EOPNOTSUPP}) {
+        if (error == damaged) {
+            return Outcome::failed(EX_DATAERR, "mount", path, error);
         }
     }
-    return Outcome::failed(step, path, error);
+    return Outcome::failed("mount", path, error);
 }
 
 }  // namespace
 
-DescriptorPath::DescriptorPath(int fd) { snprintf(text, sizeof text, "/proc/self/fd/%d", fd); }
-
 Outcome prepare_mount(const ImageFile& image, const char* path, PreparedMount& prepared) {
     prepared.type = image.type;
     if (image.type == FileSystem::erofs) {
-        const Outcome outcome = prepare_file(image, prepared);
-        if (!outcome.ok() || prepared.detached.valid()) {
-            return outcome;
-        }
+        TRY(prepare_from_file(image, prepared));
     }
-    return prepare_loop(image, path, prepared);
+    return prepared.detached ? Outcome() : prepare_from_loop_device(image, path, prepared);
+}
+
+int attach_mount(const PreparedMount& prepared, int point) {
+    const int result =
+        prepared.detached
+            ? move_mount(prepared.detached.get(), "", point, "",
+                         MOVE_MOUNT_F_EMPTY_PATH | MOVE_MOUNT_T_EMPTY_PATH)
+            : mount(prepared.loop.path, DescriptorPath(point).text, file_system_name(prepared.type),
+                    MS_RDONLY | MS_NOSUID | MS_NODEV, nullptr);
+    return result == 0 ? 0 : errno;
 }
 
 }  // namespace ad_mounter

@@ -1,23 +1,18 @@
-// An image mounted, but attached nowhere yet.
-#ifndef AD_MOUNTER_PREPARED_MOUNT_H
-#define AD_MOUNTER_PREPARED_MOUNT_H
+/**
+ * Prepares the mount of an image without attaching it anywhere.
+ */
+#pragma once
 
+#include "base/unique_fd.h"
 #include "image.h"
 #include "loop_device.h"
-#include "messages.h"
-#include "unique_fd.h"
+#include "outcome.h"
 
 #include <sys/stat.h>
 
 namespace ad_mounter {
 
-/** The path by which the kernel finds an open descriptor. */
-struct DescriptorPath {
-    explicit DescriptorPath(int fd);
-    char text[32];
-};
-
-/** An image's open file, judged. The descriptor is not owned. */
+/** A validated image. The descriptor is not owned. */
 struct ImageFile {
     int fd;
     struct stat status;
@@ -25,19 +20,19 @@ struct ImageFile {
 };
 
 /**
- * A mount that is ready to be attached and goes with this object. Without the
- * new mount interface (fsopen(2)) it is only a loop device, to be mounted in
- * the classic way, and `detached` is not valid.
+ * A mount that disappears with this object unless it is attached. Without fsopen(2), before
+ * Linux 5.2, there is only a loop device for mount(2) and `detached` is empty.
  */
 struct PreparedMount {
     FileSystem type = FileSystem::squashfs;
-    UniqueFd detached;
+    base::UniqueFd detached;
     LoopDevice loop;
 };
 
-/** Prepares the mount of `image`: read-only, nosuid, nodev. `path` is for the failure's line. */
+/** Prepares the mount of `image`: read-only, nosuid, nodev. `path` is for error messages. */
 Outcome prepare_mount(const ImageFile& image, const char* path, PreparedMount& prepared);
 
-}  // namespace ad_mounter
+/** Attaches it at the open directory `point`. Returns 0 or an errno value. */
+int attach_mount(const PreparedMount& prepared, int point);
 
-#endif
+}  // namespace ad_mounter

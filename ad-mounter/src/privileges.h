@@ -1,26 +1,25 @@
-// Who runs the tool, and how little it may do.
-#ifndef AD_MOUNTER_PRIVILEGES_H
-#define AD_MOUNTER_PRIVILEGES_H
+/**
+ * Identifies the caller and drops privileges.
+ */
+#pragma once
 
-#include "create.h"
-#include "messages.h"
-#include "table.h"
+#include "operations.h"
+#include "outcome.h"
 
 namespace ad_mounter {
 
 /**
- * Makes the process root's own where it was started set-user-ID, so that its
- * caller can no longer signal it. Gives who called in `caller`; not permitted
- * when the process is not root's at all.
+ * Sets all user and group IDs of a set-user-ID process to root's, so that its caller can no
+ * longer signal it, and drops the caller's supplementary groups. `caller` becomes who that
+ * was. Refuses when the process is not root's.
  */
 Outcome become_root(Caller& caller);
 
 /**
- * Reduces the process to what `verb` needs: no new privileges, the few
- * capabilities(7), and a filter that forbids programs, sockets and tracing.
+ * Sets no_new_privs, keeps only the capabilities(7) that the command needs and installs a
+ * seccomp(2) filter that kills the process when it executes a program, opens a socket or
+ * traces a process. Irreversible.
  */
-Outcome reduce_rights(Verb verb);
+Outcome drop_privileges(const CommandSpec& command);
 
 }  // namespace ad_mounter
-
-#endif

@@ -4,7 +4,6 @@
 #include <csignal>
 #include <cstdlib>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -20,7 +19,7 @@ bool open_standard_descriptors() {
         if (fcntl(fd, F_GETFD) >= 0) {
             continue;
         }
-        // The lowest free number is `fd`: those below it are open.
+        // Gets the lowest free number, which is `fd`.
         if (errno != EBADF || open("/dev/null", O_RDWR) != fd) {
             return false;
         }
@@ -30,6 +29,7 @@ bool open_standard_descriptors() {
 
 bool close_other_descriptors() {
     constexpr unsigned first = STDERR_FILENO + 1;
+    // Since Linux 5.9.
     if (syscall(SYS_close_range, first, ~0U, 0U) == 0) {
         return true;
     }
@@ -43,8 +43,8 @@ bool close_other_descriptors() {
     return true;
 }
 
-// A write that cannot be made is an error to report, not an end.
-bool order_signals() {
+// SIGPIPE would end the run instead of making a write fail.
+bool reset_signals() {
     sigset_t none;
     sigemptyset(&none);
     return signal(SIGPIPE, SIG_IGN) != SIG_ERR && signal(SIGCHLD, SIG_DFL) != SIG_ERR &&
@@ -56,13 +56,13 @@ bool order_signals() {
 Outcome prepare_process() {
     umask(022);
     if (open_standard_descriptors() && close_other_descriptors() && clearenv() == 0 &&
-        chdir("/") == 0 && order_signals()) {
+        chdir("/") == 0 && reset_signals()) {
         return {};
     }
-    return Outcome::failed(EX_OSERR, "preparing the process", "process", errno);
+    return Outcome::failed(EX_OSERR, "set up", "process", errno);
 }
 
-void hold_signals() {
+void block_signals() {
     sigset_t all;
     sigfillset(&all);
     sigprocmask(SIG_SETMASK, &all, nullptr);

@@ -1,21 +1,19 @@
-// Makes the process independent of how it was started.
-#ifndef AD_MOUNTER_PROCESS_START_H
-#define AD_MOUNTER_PROCESS_START_H
+/**
+ * Makes the process independent of how it was started.
+ */
+#pragma once
 
-#include "messages.h"
+#include "outcome.h"
 
 namespace ad_mounter {
 
 /**
- * Opens descriptors 0 to 2 where they are closed and closes all others, clears
- * the environment, goes to "/", sets the umask to 022 and puts signals in
- * order.
+ * Opens descriptors 0 to 2 on /dev/null where they are closed, closes all others, clears the
+ * environment, changes to "/", sets the umask to 022, ignores SIGPIPE and unblocks all signals.
  */
 Outcome prepare_process();
 
-/** Holds back every signal that can be, so that work that has begun gets finished. */
-void hold_signals();
+/** Blocks every signal that can be blocked, so that an operation runs to its end. */
+void block_signals();
 
 }  // namespace ad_mounter
-
-#endif

@@ -1,27 +1,28 @@
-#include "replace.h"
-
-#include "aside_file.h"
-#include "copy.h"
+#include "atomic_file.h"
+#include "directories.h"
+#include "file_copy.h"
 #include "image.h"
 #include "manifest.h"
-#include "pinned_path.h"
+#include "path.h"
 #include "prepared_mount.h"
 #include "signature.h"
+#include "verbs.h"
 
 #include <cerrno>
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace ad_mounter {
 
 namespace {
 
-// The downloaded image. Its directory may be a user's: nothing about the name
-// can be relied on, so everything is done on the descriptor.
+// The downloaded image. Its directory may belong to a user, who can change what the name
+// stands for at any time: only the descriptor counts.
 struct Download {
-    Place place;
-    UniqueFd fd;
+    Target target;
+    base::UniqueFd fd;
     struct stat status;
 };
 
@@ -30,134 +31,107 @@ bool same_file(const struct stat& one, const struct stat& other) {
 }
 
 Outcome open_download(const char* path, Download& download) {
-    constexpr const char* step = "opening the download";
-    const int error = pin_place(path, download.place);
+    const int error = open_parent(path, download.target);
     if (error != 0) {
-        return Outcome::failed(step, path, error);
+        return Outcome::failed("open directory of", path, error);
     }
-    download.fd.reset(open_beneath(download.place.directory.get(), download.place.name,
-                                   O_RDONLY | O_NONBLOCK | O_NOCTTY, Mounts::cross));
-    if (!download.fd.valid()) {
-        return Outcome::failed(step, path, errno);
+    download.fd.reset(open_entry(download.target.directory.get(), download.target.name,
+                                 O_RDONLY | O_NONBLOCK | O_NOCTTY, Mounts::cross));
+    if (!download.fd) {
+        return Outcome::failed("open", path, errno);
     }
     FileSystem type = FileSystem::squashfs;
-    return judge_image(download.fd.get(), path, type);
+    return validate_image(download.fd.get(), path, type);
 }
 
-// A file that a user owns is read only when it is that user's alone: another
-// name of it may be somebody else's file.
+// Reads the download's status and refuses a file that its caller may not be able to read: of
+// another user, or with another hard link, which the caller may have made to somebody's file.
 Outcome check_owner(Download& download, const Caller& caller) {
-    constexpr const char* step = "checking the download";
+    const char* path = download.target.path;
     if (fstat(download.fd.get(), &download.status) != 0) {
-        return Outcome::failed(step, download.place.path, errno);
+        return Outcome::failed("stat", path, errno);
     }
-    if (download.status.st_uid == 0) {
-        return {};
+    const uid_t owner = download.status.st_uid;
+    if (owner != 0 && owner != caller.user && caller.user != 0) {
+        return Outcome::refused(EX_NOPERM, "use", path, "owned by another user");
     }
-    if (download.status.st_uid != caller.user && caller.user != 0) {
-        return Outcome::refused(EX_NOPERM, step, download.place.path, "it is another user's");
-    }
-    if (download.status.st_nlink != 1) {
-        return Outcome::refused(EX_NOPERM, step, download.place.path, "it has several names");
+    if (owner != 0 && download.status.st_nlink != 1) {
+        return Outcome::refused(EX_NOPERM, "use", path, "has more than one hard link");
     }
     return {};
 }
 
-// Only a file that nobody but root can write to, now or through a descriptor
-// opened before, may become the stored image itself.
+// Whether the download itself may become the stored image: only root can write to it, now or
+// through a descriptor opened earlier.
 bool may_be_linked(const Download& download) {
-    struct stat directory;
     constexpr mode_t others = S_IWGRP | S_IWOTH;
-    return fstat(download.place.directory.get(), &directory) == 0 && directory.st_uid == 0 &&
+    struct stat directory;
+    return fstat(download.target.directory.get(), &directory) == 0 && directory.st_uid == 0 &&
            (directory.st_mode & others) == 0 && download.status.st_uid == 0 &&
            (download.status.st_mode & others) == 0 && download.status.st_nlink == 1;
 }
 
-Outcome copy_download(const Download& download, AsideFile& file, const char* path) {
+Outcome copy_download(const Download& download, AtomicFile& file, const char* path) {
     const auto size = static_cast<uint64_t>(download.status.st_size);
-    const Outcome made = file.make(size);
-    if (!made.ok()) {
-        return made;
-    }
+    TRY(file.create(size));
     const int error = copy_bytes(download.fd.get(), file.fd(), size);
-    return error != 0 ? Outcome::failed("copying", path, error) : Outcome();
+    return error == 0 ? Outcome() : Outcome::failed("copy to", path, error);
 }
 
-Outcome remove_download(const Download& download) {
-    struct stat now;
-    const int directory = download.place.directory.get();
-    if (fstatat(directory, download.place.name, &now, AT_SYMLINK_NOFOLLOW) != 0 ||
-        !same_file(now, download.status)) {
-        return {};
-    }
-    if (unlinkat(directory, download.place.name, 0) != 0 && errno != ENOENT) {
-        return Outcome::failed("removing the download", download.place.path, errno);
-    }
-    return {};
-}
-
-// Verifies the very file that becomes the stored image. Its manifest is read
-// from a mount that nobody else sees; a kernel that has none such leaves the
-// version to --mount.
+// Verifies the file that becomes the stored image. Its manifest is read from a mount that is
+// not attached; without such mounts, --mount compares the version.
 Outcome verify_stored(int fd, const char* path) {
     VerifiedImage image;
-    ImageFile file = {fd, {}, FileSystem::squashfs};
-    Outcome outcome = verify_image(fd, path, image);
-    if (outcome.ok() && fstat(fd, &file.status) != 0) {
-        outcome = Outcome::failed("verifying the signature", path, errno);
+    TRY(verify_image(fd, path, image));
+    ImageFile file = {fd, {}, image.type};
+    if (fstat(fd, &file.status) != 0) {
+        return Outcome::failed("stat", path, errno);
     }
-    file.type = image.type;
     PreparedMount prepared;
-    if (outcome.ok()) {
-        outcome = prepare_mount(file, path, prepared);
-    }
-    return outcome.ok() && prepared.detached.valid()
-               ? check_manifest(prepared.detached.get(), path, image.version)
-               : outcome;
+    TRY(prepare_mount(file, path, prepared));
+    return prepared.detached ? check_manifest(prepared.detached.get(), path, image.version)
+                             : Outcome();
 }
 
-Outcome install_download(const Download& download, const Place& place, const Row& row) {
-    AsideFile file(place);
+Outcome install_download(const Download& download, const Target& target, const Operation& operation,
+                         const Caller& caller) {
+    AtomicFile file(target);
     if (!may_be_linked(download) || file.link(download.fd.get()) != 0) {
-        const Outcome copied = copy_download(download, file, row.target);
-        if (!copied.ok()) {
-            return copied;
-        }
+        TRY(copy_download(download, file, operation.target));
     }
-    const Outcome verified = verify_stored(file.fd(), row.first);
-    return verified.ok() ? file.commit(row.mode) : verified;
+    TRY(verify_stored(file.fd(), operation.first));
+    return file.commit(ownership_of(&operation, caller));
+}
+
+// Leaves a file alone that has taken the download's name since.
+Outcome remove_download(const Download& download) {
+    struct stat now;
+    if (target_status(download.target, now) != 0 || !same_file(now, download.status)) {
+        return {};
+    }
+    return unlinkat(download.target.directory.get(), download.target.name, 0) == 0 ||
+                   errno == ENOENT
+               ? Outcome()
+               : Outcome::failed("remove", download.target.path, errno);
 }
 
 }  // namespace
 
-Outcome replace_image(const Row& row, const Caller& caller) {
+Outcome replace_image(const Operation& operation, const Caller& caller) {
     Download download;
-    Outcome outcome = open_download(row.first, download);
-    if (!outcome.ok()) {
-        return outcome;
-    }
-    Place place;
-    outcome = pin_target(row, caller, place);
-    if (outcome.ok()) {
-        outcome = AsideFile(place).clean();
-    }
-    if (outcome.ok()) {
-        outcome = refuse_link(place);
-    }
-    // Only now: what a run that was cut short left was another name of it.
-    if (outcome.ok()) {
-        outcome = check_owner(download, caller);
-    }
-    if (!outcome.ok()) {
-        return outcome;
-    }
+    TRY(open_download(operation.first, download));
+    Target target;
+    TRY(ensure_parent(operation, caller, target));
+    TRY(AtomicFile(target).remove_leftover());
+    TRY(refuse_symbolic_link(target));
+    // After removing the leftover of a killed run, which is a hard link to the download.
+    TRY(check_owner(download, caller));
     struct stat stored;
-    const bool in_place =
-        fstatat(place.directory.get(), place.name, &stored, AT_SYMLINK_NOFOLLOW) == 0 &&
-        same_file(stored, download.status);
-    outcome = in_place ? verify_stored(download.fd.get(), row.first)
-                       : install_download(download, place, row);
-    return outcome.ok() ? remove_download(download) : outcome;
+    // A run that was killed before it removed the download has stored it already.
+    const bool in_place = target_status(target, stored) == 0 && same_file(stored, download.status);
+    TRY(in_place ? verify_stored(download.fd.get(), operation.first)
+                 : install_download(download, target, operation, caller));
+    return remove_download(download);
 }
 
 }  // namespace ad_mounter

@@ -1,7 +1,8 @@
 #include "run_lock.h"
 
-#include "pinned_path.h"
-#include "table.h"
+#include "operations.h"
+#include "path.h"
+#include "target.h"
 
 #include <cerrno>
 #include <csignal>
@@ -10,38 +11,39 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace ad_mounter {
 
 namespace {
 
-constexpr const char* step = "taking the lock";
-constexpr unsigned patience_seconds = 30;
+constexpr unsigned timeout_seconds = 30;
 
-void wake_up(int) {}
+void interrupt(int) {}
 
-Outcome open_run_directory(UniqueFd& directory) {
-    Place place;
-    int error = pin_place(run_directory, place);
+Outcome open_run_directory(base::UniqueFd& directory) {
+    Target target;
+    const int error = open_parent(run_directory, target);
     if (error != 0) {
-        return Outcome::failed(EX_OSERR, step, run_directory, error);
+        return Outcome::failed("open directory of", run_directory, error);
     }
-    if (mkdirat(place.directory.get(), place.name, 0700) != 0 && errno != EEXIST) {
-        return Outcome::failed(EX_CANTCREAT, step, run_directory, errno);
+    if (mkdirat(target.directory.get(), target.name, 0700) != 0 && errno != EEXIST) {
+        return Outcome::failed("create", run_directory, errno);
     }
     directory.reset(
-        open_beneath(place.directory.get(), place.name, O_RDONLY | O_DIRECTORY, Mounts::cross));
+        open_entry(target.directory.get(), target.name, O_RDONLY | O_DIRECTORY, Mounts::cross));
     struct stat status;
-    if (!directory.valid() || fstat(directory.get(), &status) != 0) {
-        return Outcome::failed(step, run_directory, errno);
+    if (!directory || fstat(directory.get(), &status) != 0) {
+        return Outcome::failed("open", run_directory, errno);
     }
     if (status.st_uid != 0 || (status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
-        return Outcome::refused(EX_NOPERM, step, run_directory, "it is not root's alone");
+        return Outcome::refused(EX_NOPERM, "use", run_directory,
+                                "accessible to users other than root");
     }
     return {};
 }
 
-// 0 or an errno; EAGAIN when the patience ended.
+// Returns 0 or an errno value; EAGAIN after the timeout.
 int wait_for_lock(int fd) {
     if (flock(fd, LOCK_EX | LOCK_NB) == 0) {
         return 0;
@@ -49,13 +51,14 @@ int wait_for_lock(int fd) {
     if (errno != EWOULDBLOCK) {
         return errno;
     }
+    // Without SA_RESTART, so that the alarm ends the waiting.
     struct sigaction action;
     memset(&action, 0, sizeof action);
-    action.sa_handler = wake_up;
+    action.sa_handler = interrupt;
     if (sigaction(SIGALRM, &action, nullptr) != 0) {
         return errno;
     }
-    alarm(patience_seconds);
+    alarm(timeout_seconds);
     const int error = flock(fd, LOCK_EX) == 0 ? 0 : errno;
     alarm(0);
     return error == EINTR ? EAGAIN : error;
@@ -63,21 +66,18 @@ int wait_for_lock(int fd) {
 
 }  // namespace
 
-Outcome RunLock::take() {
-    UniqueFd directory;
-    const Outcome opened = open_run_directory(directory);
-    if (!opened.ok()) {
-        return opened;
-    }
+Outcome RunLock::acquire() {
+    base::UniqueFd directory;
+    TRY(open_run_directory(directory));
     file_.reset(openat(directory.get(), "lock", O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (!file_.valid()) {
-        return Outcome::failed(EX_CANTCREAT, step, run_directory, errno);
+    if (!file_) {
+        return Outcome::failed("create lock in", run_directory, errno);
     }
     const int error = wait_for_lock(file_.get());
     if (error == EAGAIN) {
-        return Outcome::refused(EX_TEMPFAIL, step, run_directory, "another run holds it");
+        return Outcome::refused(EX_TEMPFAIL, "lock", run_directory, "held by another run");
     }
-    return error != 0 ? Outcome::failed(EX_OSERR, step, run_directory, error) : Outcome();
+    return error == 0 ? Outcome() : Outcome::failed("lock", run_directory, error);
 }
 
 }  // namespace ad_mounter

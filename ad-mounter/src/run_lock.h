@@ -1,22 +1,21 @@
-// One run at a time.
-#ifndef AD_MOUNTER_RUN_LOCK_H
-#define AD_MOUNTER_RUN_LOCK_H
+/**
+ * Serialises runs of the tool.
+ */
+#pragma once
 
-#include "messages.h"
-#include "unique_fd.h"
+#include "base/unique_fd.h"
+#include "outcome.h"
 
 namespace ad_mounter {
 
-/** Held as long as the object lives, and never longer than the process. */
+/** A lock that is released with this object, and with the process at the latest. */
 class RunLock {
 public:
-    /** Waits for the lock, 30 seconds at most. */
-    Outcome take();
+    /** Waits for the lock, for at most 30 seconds; then fails with EX_TEMPFAIL. */
+    Outcome acquire();
 
 private:
-    UniqueFd file_;
+    base::UniqueFd file_;
 };
 
 }  // namespace ad_mounter
-
-#endif

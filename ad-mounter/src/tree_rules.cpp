@@ -1,90 +1,30 @@
 #include "tree_rules.h"
 
-#include "directory_reader.h"
-#include "pinned_path.h"
-#include "shared_entries.h"
+#include "path.h"
 
 #include <cerrno>
-#include <climits>
 #include <cstring>
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace ad_mounter {
 
 namespace {
 
-class Survey {
-public:
-    Survey(uint64_t block_size, TreeSize& size) : block_size_(block_size), size_(size) {}
-
-    Outcome entry(int directory, const char* name, int depth) {
-        struct stat status;
-        if (fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
-            return fail_entry("looking at", directory, name, errno);
-        }
-        const char* refusal = refusal_of_mode(status.st_mode);
-        if (refusal != nullptr) {
-            return refuse_entry(directory, name, refusal);
-        }
-        ++size_.inodes;
-        if (S_ISDIR(status.st_mode)) {
-            ++size_.blocks;
-            return subdirectory(directory, name, depth + 1);
-        }
-        size_.blocks += (static_cast<uint64_t>(status.st_size) + block_size_ - 1) / block_size_;
-        return S_ISLNK(status.st_mode) ? link(directory, name, depth) : Outcome();
-    }
-
-private:
-    static Outcome link(int directory, const char* name, int depth) {
-        char target[PATH_MAX];
-        const ssize_t length = readlinkat(directory, name, target, sizeof target - 1);
-        if (length < 0) {
-            return fail_entry("reading the link", directory, name, errno);
-        }
-        target[length] = '\0';
-        return link_stays_inside(target, depth)
-                   ? Outcome()
-                   : refuse_entry(directory, name, "a link that leads out of the tree");
-    }
-
-    Outcome subdirectory(int parent, const char* name, int depth) {
-        if (depth > deepest_tree) {
-            return refuse_entry(parent, name, "directories are nested too deeply");
-        }
-        const UniqueFd directory(open_beneath(parent, name, O_RDONLY | O_DIRECTORY, Mounts::stay));
-        if (!directory.valid()) {
-            return fail_entry("opening the directory", parent, name, errno);
-        }
-        DirectoryReader reader(directory.get());
-        DirectoryEntry next;
-        while (reader.next(next)) {
-            const Outcome outcome = entry(directory.get(), next.name, depth);
-            if (!outcome.ok()) {
-                return outcome;
-            }
-        }
-        return reader.error() != 0
-                   ? fail_entry("reading the directory", parent, name, reader.error())
-                   : Outcome();
-    }
-
-    uint64_t block_size_;
-    TreeSize& size_;
-};
+constexpr int max_depth = 64;
 
 }  // namespace
 
-const char* refusal_of_mode(mode_t mode) {
+const char* mode_rejection(mode_t mode) {
     if (S_ISLNK(mode)) {
         return nullptr;
     }
     if (!S_ISREG(mode) && !S_ISDIR(mode)) {
-        return "neither file, directory nor link";
+        return "not a regular file, directory or symbolic link";
     }
-    return (mode & (S_ISUID | S_ISGID)) != 0 ? "set-user-ID or set-group-ID" : nullptr;
+    return (mode & (S_ISUID | S_ISGID)) != 0 ? "set-user-ID or set-group-ID bit" : nullptr;
 }
 
 bool link_stays_inside(const char* target, int depth) {
@@ -107,25 +47,27 @@ bool link_stays_inside(const char* target, int depth) {
     return true;
 }
 
-Outcome survey_tree(int top, uint64_t block_size, TreeSize& size) {
-    TreeSize parts[entry_workers];
-    const auto work = [&](const DirectoryEntry& entry, int worker) {
-        return Survey(block_size, parts[worker]).entry(top, entry.name, 0);
-    };
-    const Outcome outcome = share_entries(top, work);
-    for (const TreeSize& part : parts) {
-        size.blocks += part.blocks;
-        size.inodes += part.inodes;
+Outcome read_inner_link(int directory, const char* name, int depth, char (&target)[PATH_MAX]) {
+    const ssize_t length = readlinkat(directory, name, target, sizeof target - 1);
+    if (length < 0) {
+        return Outcome::entry_failed("read symbolic link", directory, name, errno);
     }
-    return outcome;
+    target[length] = '\0';
+    return link_stays_inside(target, depth)
+               ? Outcome()
+               : reject_entry(directory, name, "symbolic link leaves the tree");
 }
 
-Outcome refuse_entry(int directory, const char* name, const char* reason) {
-    return Outcome::refused(EX_DATAERR, "copying", remember_path(directory, name), reason);
+Outcome open_subdirectory(int parent, const char* name, int depth, base::UniqueFd& directory) {
+    if (depth > max_depth) {
+        return reject_entry(parent, name, "directories nested too deeply");
+    }
+    directory.reset(open_entry(parent, name, O_RDONLY | O_DIRECTORY, Mounts::stay));
+    return directory ? Outcome() : Outcome::entry_failed("open directory", parent, name, errno);
 }
 
-Outcome fail_entry(const char* step, int directory, const char* name, int error) {
-    return Outcome::failed(step, remember_path(directory, name), error);
+Outcome reject_entry(int directory, const char* name, const char* reason) {
+    return Outcome::entry_refused(EX_DATAERR, "copy", directory, name, reason);
 }
 
 }  // namespace ad_mounter

@@ -1,50 +1,36 @@
-// What may be in a tree that is copied as root, and how much room it takes.
-#ifndef AD_MOUNTER_TREE_RULES_H
-#define AD_MOUNTER_TREE_RULES_H
+/**
+ * What a tree may contain that is copied as root.
+ */
+#pragma once
 
-#include "messages.h"
+#include "base/unique_fd.h"
+#include "outcome.h"
 
-#include <cstdint>
+#include <climits>
 
 #include <sys/types.h>
 
 namespace ad_mounter {
 
-/** How many directories may be inside each other. */
-constexpr int deepest_tree = 64;
+/** The mode bits that are copied. */
+constexpr mode_t copied_mode_bits = 01777;
 
-/** The mode bits that are kept. */
-constexpr mode_t kept_mode_bits = 01777;
-
-/** Why something with this mode (file type included) is not copied; null when it is. */
-const char* refusal_of_mode(mode_t mode);
+/** Why something with this mode, file type included, is not copied; null when it is. */
+const char* mode_rejection(mode_t mode);
 
 /**
- * Whether a symbolic link with this target, in a directory `depth` levels below
- * the top of a tree, stays inside the tree: relative, and ".." only at its
- * start and not beyond the top.
+ * Whether a symbolic link with this target, in a directory `depth` levels below the top of a
+ * tree, stays inside the tree: relative, with ".." only at its start and not beyond the top.
  */
 bool link_stays_inside(const char* target, int depth);
 
-/** What a tree needs where it is copied to. */
-struct TreeSize {
-    uint64_t blocks = 0;  ///< of the size that was asked for
-    uint64_t inodes = 0;
-};
+/** Reads a symbolic link and rejects one that leaves the tree. */
+Outcome read_inner_link(int directory, const char* name, int depth, char (&target)[PATH_MAX]);
 
-/**
- * Goes through the tree of the open directory `top`, before anything is copied:
- * refuses it when there is anything in it that is not copied, and adds up its
- * size in blocks of `block_size` bytes.
- */
-Outcome survey_tree(int top, uint64_t block_size, TreeSize& size);
+/** Opens a subdirectory `depth` levels below the top; rejects mounts and excessive nesting. */
+Outcome open_subdirectory(int parent, const char* name, int depth, base::UniqueFd& directory);
 
-/** A refusal of `name` in the open directory `directory`. */
-Outcome refuse_entry(int directory, const char* name, const char* reason);
-
-/** A failure with `name` in the open directory `directory`. */
-Outcome fail_entry(const char* step, int directory, const char* name, int error);
+/** A rejection of the entry `name` in the open directory `directory`. */
+Outcome reject_entry(int directory, const char* name, const char* reason);
 
 }  // namespace ad_mounter
-
-#endif

@@ -1,6 +1,7 @@
-// An image's version as text.
-#ifndef AD_MOUNTER_VERSION_TEXT_H
-#define AD_MOUNTER_VERSION_TEXT_H
+/**
+ * An image's version as text.
+ */
+#pragma once
 
 #include <cstddef>
 #include <cstring>
@@ -8,11 +9,11 @@
 
 namespace ad_mounter {
 
-/** Room for an image's version and a terminating null. */
+/** Room for a version and its terminating NUL. */
 constexpr size_t version_size = 20;
 
-/** Keeps a version: printable ASCII without blanks. False when it is something else or too long. */
-inline bool keep_version(std::string_view text, char (&version)[version_size]) {
+/** Copies a version: printable ASCII without blanks. Returns false when it is not one. */
+inline bool copy_version(std::string_view text, char (&version)[version_size]) {
     if (text.empty() || text.size() >= version_size) {
         return false;
     }
@@ -27,5 +28,3 @@ inline bool keep_version(std::string_view text, char (&version)[version_size]) {
 }
 
 }  // namespace ad_mounter
-
-#endif
