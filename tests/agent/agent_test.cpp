@@ -18,7 +18,7 @@ TEST_F(Device, KeepsConfigurationDocumentsAndTheLastGoodOne) {
     server.serve("/TileAd/v2", kept);
     server.serve("/AppsAd/v2", " {}\n");
     EXPECT_TRUE(fetch("/TileAd/v2"));
-    EXPECT_EQ(output, "ad-agent: configuration document /TileAd/v2: kept as " + data +
+    EXPECT_EQ(output, "ad-agent: configuration document /TileAd/v2: stored as " + data +
                           "/TileAd-v2.json, 12 bytes\n");
     EXPECT_TRUE(fetch("/AppsAd/v2"));
     EXPECT_THAT(server.take_requests(), ElementsAre("/TileAd/v2", "/AppsAd/v2"));
@@ -51,7 +51,7 @@ TEST_F(Device, AsksForADocumentOnlyWhenItHasChanged) {
     for (const auto& [content, said] : Cases{{"{}", "2 bytes"}, {"{ }", "3 bytes"}}) {
         server.serve("/TileAd/v2", content);
         expect(said, "/TileAd/v2");
-        expect("has not changed", "/TileAd/v2 304");
+        expect("not modified", "/TileAd/v2 304");
     }
     // A document that is lost or damaged here, or came from elsewhere, is wanted whole.
     remove("TileAd-v2.json");
@@ -73,7 +73,7 @@ TEST_F(Device, AsksForADocumentOnlyWhenItHasChanged) {
     expect("2 bytes", "/TileAd/v2");
     server.set_faults("* status 304");
     EXPECT_FALSE(fetch("/TileAd/v2"));
-    EXPECT_THAT(output, HasSubstr("answers with status 304"));
+    EXPECT_THAT(output, HasSubstr("unexpected HTTP status 304"));
 }
 
 TEST_F(Device, DownloadsAnImageOnce) {
@@ -82,20 +82,20 @@ TEST_F(Device, DownloadsAnImageOnce) {
     EXPECT_EQ(names_in(data), (Names{"zelADAgent.img", "zelADAgentCache.xml", "state.ini",
                                      "update.ini", "update.ini.validator"}));
     // One line for each tenth, and two around them.
-    EXPECT_THAT(output, HasSubstr("ad-agent: update: 30 % of 400000 bytes\n"));
+    EXPECT_THAT(output, HasSubstr("ad-agent: update: downloaded 30 % of 400000 bytes\n"));
     EXPECT_LE(output_lines(), 12);
     EXPECT_GE(output_lines(), 5);
 
     // Nobody took it away: there is no need to fetch it again.
     expect_update("0.00", IMAGE);
-    EXPECT_THAT(output, HasSubstr("version 1.06 is already at"));
+    EXPECT_THAT(output, HasSubstr("version 1.06 was already downloaded to"));
     EXPECT_THAT(server.take_requests(), ElementsAre("/update.ini 304"));
 
     server.publish("1.07", "small");
     expect_update("1.06", "small");
     // A server that takes it back leaves nothing of it here.
     server.publish("1.06", IMAGE);
-    expect_no_update("1.06", "1.06 is not newer than 1.06");
+    expect_no_update("1.06", "1.06 is not newer than the stored version 1.06");
     EXPECT_THAT(image_files(), IsEmpty());
 }
 
@@ -106,7 +106,7 @@ protected:
     void expect_refusal(const std::string& reason) {
         expect_no_update("1.05", reason);
         EXPECT_THAT(output, MatchesRegex("(ad-agent: update: downloading [^\n]*\n)?"
-                                         "(ad-agent: update: [0-9]+ % [^\n]*\n)*"
+                                         "(ad-agent: update: downloaded [0-9]+ % [^\n]*\n)*"
                                          "ad-agent: update: [^\n]*\n"));
         EXPECT_EQ(read_file(data + "/zelADAgent.img"), "an old download");
         EXPECT_FALSE(std::filesystem::exists(data + "/update.ini.part"));
@@ -116,18 +116,18 @@ protected:
 TEST_F(BadServer, CostsOneLineAndNothingElse) {
     for (const auto& [fault, reason] :
          Cases{{"/update.ini status 404", "update.ini: The requested URL returned"},
-               {"/update.ini redirect", "redirects"},
+               {"/update.ini redirect", "redirected more than 5 times"},
                {"/update.ini garbage", "HTTP/0.9"},
                {"/update.ini status 200", "not a key-value pair"},
-               {"/update.ini endless", "more than it should"},
+               {"/update.ini endless", "response exceeds"},
                {"/update.ini cut 20", "bytes remaining"},
                {"/images/* status 404", "1.06.img: The requested URL returned"},
-               {"/images/* status 204", "answers with status 204"},
-               {"/images/* status 206", "answers with status 206"},
-               {"/images/* endless", "more than it should"},
+               {"/images/* status 204", "unexpected HTTP status 204"},
+               {"/images/* status 206", "unexpected HTTP status 206"},
+               {"/images/* endless", "response exceeds"},
                {"/images/* cut 0", "400000 bytes remaining"},
-               {"/images/* declare 300000", "announces 300000 bytes"},
-               {"/images/* declare 500000", "announces 500000 bytes instead of 400000"}}) {
+               {"/images/* declare 300000", "Content-Length is 300000"},
+               {"/images/* declare 500000", "Content-Length is 500000, expected 400000"}}) {
         SCOPED_TRACE(fault);
         server.set_faults(fault);
         expect_refusal(reason);
@@ -136,7 +136,7 @@ TEST_F(BadServer, CostsOneLineAndNothingElse) {
     }
     server.set_faults("");
     server.publish("1.06", IMAGE, "sha256=" + std::string(64, 'a'));
-    expect_refusal("not the index's");
+    expect_refusal("SHA-256 is");
     EXPECT_EQ(image_files(), Names{"zelADAgent.img"});
     configure("http://127.0.0.1:1");
     expect_refusal("http://127.0.0.1:1/update.ini: Failed to connect");
@@ -150,7 +150,7 @@ TEST_F(BadServer, IsNotWaitedForLongerThanConfigured) {
         server.set_faults(fault);
         configure(server.url, "[timeouts]\n" + timeout + "\n");
         const auto start = std::chrono::steady_clock::now();
-        expect_refusal(timeout == "stall=1" ? "no byte in 1 seconds" : "timed out");
+        expect_refusal(timeout == "stall=1" ? "no data received for 1 seconds" : "timed out");
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));
     }
 }
@@ -160,7 +160,7 @@ TEST_F(Device, MakesItsFolderAndNamesWhatIsMissing) {
     settled = false;
     std::filesystem::remove(data);
     EXPECT_EQ(agent.version(), "0.00");
-    agent.loaded_from(places.updatable_library, false);
+    agent.report_loaded_library(places.updatable_library, false);
     EXPECT_FALSE(std::filesystem::exists(data));
     EXPECT_TRUE(fetch("/TileAd/v2")) << output;
     EXPECT_EQ(std::filesystem::status(data).permissions(), std::filesystem::perms(0755));
@@ -175,12 +175,13 @@ TEST_F(Device, MakesItsFolderAndNamesWhatIsMissing) {
     };
     std::filesystem::remove_all(data);
     write_file(data, "in the way");
-    expect_failures("cannot make data folder " + data + ": Not a directory\n");
+    expect_failures("failed to create data directory " + data + ": Not a directory\n");
     EXPECT_FALSE(agent.set_version("1.05"));
 
     std::filesystem::remove(data);
     std::filesystem::remove(places.configuration);
-    expect_failures("configuration " + places.configuration + ": No such file or directory\n");
+    expect_failures("failed to read configuration " + places.configuration +
+                    ": No such file or directory\n");
 }
 
 TEST_F(Device, KeepsWhatItHasOnAFullOrReadOnlyFileSystem) {
@@ -190,13 +191,13 @@ TEST_F(Device, KeepsWhatItHasOnAFullOrReadOnlyFileSystem) {
         mount("none", data.c_str(), "tmpfs", 0, "size=128k") != 0)
         GTEST_SKIP() << "no right to mount: " << std::strerror(errno);
     write_file(data + "/zelADAgent.img", "an old download");
-    expect_no_update("1.05", "no room for the image: 400000 bytes are needed and ");
+    expect_no_update("1.05", "bytes needed, ");
     EXPECT_THAT(server.take_requests(), ElementsAre("/update.ini"));
     EXPECT_EQ(read_file(data + "/zelADAgent.img"), "an old download");
     EXPECT_EQ(image_files(), Names{"zelADAgent.img"});
     write_file(places.stored_image, IMAGE);
     settled = false;
-    expect_no_update("1.06", "no room to offer the stored image again");
+    expect_no_update("1.06", "bytes needed, ");
 
     write_file(data + "/filler", std::string(200000, 'x'));
     server.serve("/TileAd/v2", "{" + std::string(8192, ' ') + "}");
@@ -207,7 +208,7 @@ TEST_F(Device, KeepsWhatItHasOnAFullOrReadOnlyFileSystem) {
 
     ASSERT_EQ(mount(nullptr, data.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
     EXPECT_FALSE(fetch("/TileAd/v2"));
-    EXPECT_THAT(output, HasSubstr("cannot create " + data + "/TileAd-v2.json.part: Read-only"));
+    EXPECT_THAT(output, HasSubstr("failed to create " + data + "/TileAd-v2.json.part: Read-only"));
     umount2(data.c_str(), MNT_DETACH);
 }
 

@@ -134,9 +134,10 @@ protected:
     const ContentServer server;
     const std::string data = folder / "data";
     const std::string part = data + "/zelADAgent.img.part";
-    const ad_agent::Places places = {folder / "agent.conf",       data,
-                                     folder / "store/image",      folder / "updatable/agent.so",
-                                     folder / "builtin/agent.so", folder / "builtin/zel.xml"};
+    const ad_agent::DevicePaths places = {
+        folder / "agent.conf",       data,
+        folder / "store/image",      folder / "updatable/agent.so",
+        folder / "builtin/agent.so", folder / "builtin/zel.xml"};
     const ad_agent::Agent agent{places};
     bool settled = true;
     std::string output;

@@ -1,6 +1,6 @@
 // The files that the library reads and writes: configuration, index, manifest.
 #include "configuration_document.h"
-#include "data_folder.h"
+#include "data_directory.h"
 #include "device_state.h"
 #include "files.h"
 #include "manifest.h"
@@ -38,14 +38,15 @@ class Files : public testing::Test {
 protected:
     const TemporaryFolder folder;
     std::string error;
-    const DataFolder data = *DataFolder::open(folder / "", error);
+    const DataDirectory data = *DataDirectory::open(folder / "");
 };
 
 TEST_F(Files, ConfigurationHasDefaultsAndNamesItsFaults) {
     const auto read = [&](const std::string& text) {
-        error.clear();
         write_file(folder / "conf", text);
-        const Settings s = load_settings(folder / "conf", error).value_or(Settings());
+        const auto loaded = load_settings(folder / "conf");
+        error = loaded ? "" : loaded.error().message;
+        const Settings s = loaded.value_or(Settings());
         return std::make_tuple(s.server_url, s.connect_timeout, s.stall_timeout, s.document_timeout,
                                s.image_timeout, s.verify, s.authorities);
     };
@@ -56,8 +57,7 @@ TEST_F(Files, ConfigurationHasDefaultsAndNamesItsFaults) {
               std::make_tuple("file:///srv", 1, 2, 3, 4, false, "/a.pem"));
 
     for (const auto& [text, reason] :
-         Cases{{"url=http://a\n", "does not start with a group"},
-               {"", "[server] url must be"},
+         Cases{{"", "[server] url must be"},
                {"[server]\nurl=http://\n", "url must be"},
                {"[server]\nurl=ftp://host/\n", "url must be"},
                {"[server]\nurl=file://host/path\n", "url must be"},
@@ -67,7 +67,7 @@ TEST_F(Files, ConfigurationHasDefaultsAndNamesItsFaults) {
                {"[server]\nurl=http://a\n[timeouts]\nconnect=soon\n", "[timeouts] connect must"},
                {"[server]\nurl=http://a\n[timeouts]\nimage=86401\n", "[timeouts] image must be"}}) {
         read(text);
-        EXPECT_THAT(error, StartsWith("configuration " + folder / "conf: ")) << text;
+        EXPECT_THAT(error, StartsWith("invalid configuration " + folder / "conf: ")) << text;
         EXPECT_THAT(error, HasSubstr(reason));
     }
 }
@@ -77,9 +77,8 @@ const std::string INDEX =
     "sha256=0123456789abcdef0123456789ABCDEF0123456789abcdef0123456789abcdef\n";
 
 TEST(UpdateIndex, IsReadUnlessAnyValueIsNotRight) {
-    std::string error;
-    const auto index = parse_update_index(INDEX, error);
-    ASSERT_TRUE(index) << error;
+    const auto index = parse_update_index(INDEX);
+    ASSERT_TRUE(index);
     EXPECT_EQ(index->version, "1.06");
     EXPECT_EQ(index->size, 4096U);
     EXPECT_EQ(index->sha256, "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef");
@@ -99,16 +98,13 @@ TEST(UpdateIndex, IsReadUnlessAnyValueIsNotRight) {
                                           "max_firmware=" + std::string(256, '1')};
     // The last one of a key counts.
     for (const std::string& line : bad) {
-        error.clear();
-        EXPECT_FALSE(parse_update_index(INDEX + line, error)) << line;
-        EXPECT_NE(error, "") << line;
+        EXPECT_FALSE(parse_update_index(INDEX + line)) << line;
     }
 }
 
 TEST(UpdateIndex, MayBeForSomeFirmwareOnly) {
     const auto fits = [](const std::string& lines, const std::string& firmware) {
-        std::string error;
-        return firmware_mismatch(*parse_update_index(INDEX + lines, error), firmware).empty();
+        return !firmware_mismatch(*parse_update_index(INDEX + lines), firmware);
     };
     const std::string from = "min_firmware=T-1200.9\n";
     const std::string to = "max_firmware=T-1200.10\n";
@@ -125,7 +121,7 @@ TEST_F(Files, StateIsKeptWholeOrIsADevicesFirst) {
     DeviceState state = {"a1", "1.06", true, "1.07", " T=1;[x]\n\\", 2, {}};
     for (int i = 0; i < 40; ++i) state.add_bad(std::to_string(i));
     state.add_bad("39");
-    ASSERT_TRUE(write_state(data, state, error)) << error;
+    ASSERT_TRUE(write_state(data, state));
 
     const DeviceState read = read_state(data);
     const auto all = [](const DeviceState& s) {
@@ -154,25 +150,26 @@ TEST_F(Files, ManifestReadsAsNoVersionUnlessItIsWhole) {
         torn.insert(whole.substr(0, length));
     testing::internal::CaptureStderr();
     for (const std::string& text : torn) {
-        write_file(folder / "Cache.xml", text);
-        EXPECT_EQ(read_cache_version(folder / "Cache.xml"), "0.00") << text;
+        write_file(folder / "zelADAgentCache.xml", text);
+        EXPECT_EQ(read_cache_version(folder / "zelADAgentCache.xml"), "0.00") << text;
     }
-    EXPECT_THAT(testing::internal::GetCapturedStderr(), StartsWith("ad-agent: manifest "));
-    write_file(folder / "Cache.xml", "<?xml version=\"1.0\"?>\n" + whole + "\n");
-    EXPECT_EQ(read_cache_version(folder / "Cache.xml"), "1.05");
+    EXPECT_THAT(testing::internal::GetCapturedStderr(),
+                HasSubstr("ad-agent: failed to parse manifest "));
+    write_file(folder / "zelADAgentCache.xml", "<?xml version=\"1.0\"?>\n" + whole + "\n");
+    EXPECT_EQ(read_cache_version(folder / "zelADAgentCache.xml"), "1.05");
 }
 
 TEST_F(Files, ManifestIsReplacedWholeAndThroughNoLink) {
     write_file(folder / "victim", "precious");
-    std::filesystem::create_symlink(folder / "victim", folder / "Cache.xml.part");
-    std::filesystem::create_symlink(folder / "victim", folder / "Cache.xml");
+    std::filesystem::create_symlink(folder / "victim", folder / "zelADAgentCache.xml.part");
+    std::filesystem::create_symlink(folder / "victim", folder / "zelADAgentCache.xml");
     for (const char* version : {"a<b>&\"c\"", "", "1234567890.1234567890123"}) {
-        ASSERT_TRUE(write_cache_version(data, "Cache.xml", version, error)) << error;
-        EXPECT_EQ(read_cache_version(folder / "Cache.xml"), *version ? version : "0.00");
-        EXPECT_EQ(names_in(folder / ""), (Names{"Cache.xml", "victim"}));
+        ASSERT_TRUE(write_cache_version(data, version));
+        EXPECT_EQ(read_cache_version(folder / "zelADAgentCache.xml"), *version ? version : "0.00");
+        EXPECT_EQ(names_in(folder / ""), (Names{"zelADAgentCache.xml", "victim"}));
     }
     EXPECT_EQ(read_file(folder / "victim"), "precious");
-    EXPECT_EQ(std::filesystem::status(folder / "Cache.xml").permissions(),
+    EXPECT_EQ(std::filesystem::status(folder / "zelADAgentCache.xml").permissions(),
               std::filesystem::perms(0644));
 }
 

@@ -88,7 +88,7 @@ TEST_F(Download, GoesOnWhereTheHostWasKilled) {
         kill_at(bytes);
         write_file(data + "/update.ini.part", "of a kill somewhere else");
         EXPECT_THAT(complete(), ElementsAre(PATH + " from " + std::to_string(bytes)));
-        EXPECT_THAT(output, HasSubstr("going on after " + std::to_string(bytes)));
+        EXPECT_THAT(output, HasSubstr("resuming after " + std::to_string(bytes)));
     }
     kill_at(TENTH);
     expect_no_update("1.06", "not newer");
@@ -104,7 +104,7 @@ TEST_F(Download, GoesOnWithinOneUpdateAsLongAsBytesCome) {
     remove("zelADAgent.img");
     server.set_faults("/images/* cut 1");
     EXPECT_FALSE(update("1.05"));
-    EXPECT_LE(server.take_requests().size(), 60U);
+    EXPECT_EQ(server.take_requests().size(), 51U);  // of the index and the image
 }
 
 TEST_F(Download, StartsAnewWhenTheFileHasChanged) {
@@ -136,7 +136,7 @@ TEST_F(Download, DoesNotTrustWhatWasKept) {
     bytes[1000] ^= 1;
     write_file(part, bytes);
     EXPECT_THAT(complete(), ElementsAre(PATH + " from 360000", PATH));
-    EXPECT_THAT(output, HasSubstr("what was kept is not the image"));
+    EXPECT_THAT(output, HasSubstr("the partial download is corrupt"));
 
     // All of it came before the kill, and more than all of it.
     for (const char* more : {"", "x"}) {
@@ -182,7 +182,7 @@ volatile sig_atomic_t stop_signals = 0;
 TEST_F(Download, TellsWhatEndedIt) {
     // The youngest child is the transfer's process.
     expect_failure([](pid_t host) { kill(children_of(host).back(), SIGKILL); },
-                   "its process was killed by signal 9");
+                   "transfer process killed by signal 9");
 
     signal(SIGTERM, [](int) { stop_signals = stop_signals + 1; });
     expect_failure([](pid_t host) { kill(host, SIGTERM); }, "interrupted by a signal");
@@ -206,7 +206,7 @@ TEST_F(Download, IsEndedWhenItHangsWhereItCannotKnow) {
     std::filesystem::create_directory(folder / "web");
     ASSERT_EQ(mkfifo((folder / "web/update.ini").c_str(), 0600), 0);
     configure("file://" + folder / "web", "[timeouts]\ndocument=1\n");
-    expect_no_update("1.05", "web/update.ini: not done within 3 seconds");
+    expect_no_update("1.05", "web/update.ini: no result within 3 seconds");
     EXPECT_EQ(children_of(getpid()).size(), 1U);
 }
 

@@ -1,5 +1,5 @@
 // Which image an update offers, after whatever has happened to the device.
-#include "data_folder.h"
+#include "data_directory.h"
 #include "device.h"
 #include "device_state.h"
 #include "system_information.h"
@@ -33,8 +33,7 @@ protected:
     }
 
     ad_agent::DeviceState state() const {
-        std::string error;
-        return ad_agent::read_state(*ad_agent::DataFolder::open(data, error));
+        return ad_agent::read_state(*ad_agent::DataDirectory::open(data));
     }
 
     /** What the host does with an image that it was offered, up to the recorded version. */
@@ -46,7 +45,7 @@ protected:
     }
 
     void start(const std::string& library, bool updatable_was_there = true) {
-        listen([&] { return agent.loaded_from(library, updatable_was_there), true; });
+        listen([&] { return agent.report_loaded_library(library, updatable_was_there), true; });
     }
 };
 
@@ -58,7 +57,8 @@ TEST_F(Offer, IsTheStoredImageWhenItsInstallationWasCut) {
         write_file(part, "a download");
         store(IMAGE, recorded);
         expect_update("1.06", IMAGE);
-        EXPECT_THAT(output, HasSubstr("version 1.06 was cut: the stored image is offered again"));
+        EXPECT_THAT(output,
+                    HasSubstr("version 1.06 was interrupted; offering the stored image again"));
         EXPECT_EQ(image_files(), Names{"zelADAgent.img"});
         EXPECT_THAT(server.take_requests(), IsEmpty());
     }
@@ -73,7 +73,7 @@ TEST_F(Offer, IsTheStoredImageWhenItsInstallationWasCut) {
     std::filesystem::remove(places.configuration);
     EXPECT_TRUE(update("1.06"));
     std::filesystem::remove(places.stored_image);
-    expect_no_update("1.06", "cannot open " + places.stored_image + ": No such file");
+    expect_no_update("1.06", "failed to open " + places.stored_image + ": No such file");
 }
 
 TEST_F(Offer, DoesNotStayWithAnImageThatIsCutForEver) {
@@ -93,7 +93,7 @@ TEST_F(Offer, LeavesADeviceOnItsFirmwareCopyAfterAFirmwareChange) {
     store(IMAGE, "1.05");
     for (const char* firmware : {"T-1300.1", ""}) {
         platform_firmware = firmware;
-        expect_no_update("1.06", "1.06 is not newer than 1.06");
+        expect_no_update("1.06", "1.06 is not newer than the stored version 1.06");
     }
     server.publish("1.07", "newer");
     expect_update("1.06", "newer");
@@ -104,21 +104,21 @@ TEST_F(Offer, LeavesADeviceOnItsFirmwareCopyAfterAFirmwareChange) {
 
 TEST_F(Offer, IsNewerThanEveryCopyThatIsHereAndFitsTheFirmware) {
     write_file(places.firmware_manifest, "<Zel><Version>1.06</Version></Zel>");
-    expect_no_update("0.00", "not newer than 1.06 of the firmware");
+    expect_no_update("0.00", "not newer than the firmware's version 1.06");
     store(IMAGE, "1.04");
-    expect_no_update("1.05", "not newer than 1.06 of the firmware");
+    expect_no_update("1.05", "not newer than the firmware's version 1.06");
     EXPECT_THAT(image_files(), IsEmpty());
 
     write_file(places.firmware_manifest, "<Zel><Version>1.00</Version></Zel>");
     std::filesystem::remove(places.stored_image);
     ASSERT_TRUE(agent.set_version("1.06"));
     write_file(places.updatable_library, "a library");
-    expect_no_update("0.00", "1.06 is not newer than 1.06");
+    expect_no_update("0.00", "1.06 is not newer than the installed version 1.06");
     std::filesystem::remove(places.updatable_library);
     EXPECT_TRUE(update("0.00"));
 
     server.publish("1.07", "newer", "min_firmware=T-1200.2\n");
-    expect_no_update("0.00", "version 1.07 is refused: it needs firmware T-1200.2");
+    expect_no_update("0.00", "refusing version 1.07: it requires firmware T-1200.2");
     platform_firmware = "T-1200.10";
     EXPECT_TRUE(update("0.00"));
 }
@@ -129,9 +129,9 @@ TEST_F(Offer, IsNotAnImageWhoseLibraryFailedToLoad) {
     EXPECT_THAT(output, HasSubstr("library of version 1.06 failed to load"));
     std::filesystem::remove(places.updatable_library);
 
-    expect_no_update("0.00", "refused: its library failed to load here");
+    expect_no_update("0.00", "refusing version 1.06: its library failed to load on this device");
     store(IMAGE, "1.05");
-    expect_no_update("1.06", "the stored image is refused");
+    expect_no_update("1.06", "refusing the stored image");
     server.publish("1.07", "newer");
     EXPECT_TRUE(update("1.06"));
 }
