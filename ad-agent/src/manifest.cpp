@@ -24,14 +24,14 @@ std::string read_version(const std::string& path, const char* root, const char* 
     }
     const auto text = read_regular_file(AT_FDCWD, path, 0, max_manifest_size);
     if (!text) {
-        log_line("manifest: " + text.error().message);
+        log_line("ignoring manifest: " + text.error().message);
         return no_version;
     }
     TiXmlDocument document;
     document.Parse(text->c_str());
     if (document.Error()) {
-        // What is left of a torn one may be half a number.
-        log_line("failed to parse manifest " + path + ": " + document.ErrorDesc());
+        // A torn one may end in half a number.
+        log_line("ignoring manifest " + path + ": " + document.ErrorDesc());
         return no_version;
     }
     const TiXmlElement* const element =

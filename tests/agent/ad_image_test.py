@@ -33,8 +33,8 @@ def read(path):
     return pathlib.Path(path).read_bytes()
 
 
-def files():
-    return {str(path) for path in pathlib.Path().rglob("*") if not path.is_dir()}
+def files(root):
+    return {str(path) for path in pathlib.Path(root).rglob("*") if not path.is_dir()}
 
 
 def trailer(signature):
@@ -78,7 +78,7 @@ def test_pack_rejects_what_no_device_could_use():
     sh("for name in fifo up root climb; do cp -r res $name; done; mkfifo fifo/x; mkdir directory;"
        "ln -s ../x up/x; ln -s /etc/passwd root/x; ln -s sub/../a.ini climb/x; printf old >old.img;"
        r"cp player.so arm.so; printf '\050' | dd of=arm.so bs=1 seek=18 conv=notrunc status=none")
-    before = files()
+    before = files(".")
     for options, reason in [
             ("--version 1.0.5", "is not a decimal fraction"),
             ("--version 12345678901234567890", "is not a decimal fraction"),
@@ -94,7 +94,7 @@ def test_pack_rejects_what_no_device_could_use():
             ("--resources climb", "res/x is a link that leads out of the resources, to sub/.."),
             ("--output directory", "directory exists but is not a regular file")]:
         expect_failure(f"{PACK} old.img {options}", reason)
-    assert files() == before and read("old.img") == b"old"
+    assert files(".") == before and read("old.img") == b"old"
 
 
 def test_wrong_command_lines_exit_with_2():
@@ -155,12 +155,10 @@ def test_publish_lays_out_what_devices_fetch():
     image = f"zelADAgent-1.05-{sha256[:12]}.img"
     index = (f"[image]\nversion=1.05\nsize={os.path.getsize('-5.img')}\nsha256={sha256}\n"
              f"file={image}\n").encode()
-    os.chdir("web")
-    assert {name: read(name) for name in files()} == {
-        "AppsAd/v2": b"{}\n", "TileAd/v2": b'{"tiles": 1}', "update.ini": index,
-        f"images/{image}": read("../-5.img")}
-    assert {os.stat(name).st_mode & 0o777 for name in files()} == {0o644}
-    os.chdir("..")
+    assert {name: read(name) for name in files("web")} == {
+        "web/AppsAd/v2": b"{}\n", "web/TileAd/v2": b'{"tiles": 1}', "web/update.ini": index,
+        f"web/images/{image}": read("-5.img")}
+    assert {os.stat(name).st_mode & 0o777 for name in files("web")} == {0o644}
 
     for arguments, reason in [("6.img", "6.img is not signed: sign it with"),
                               ("--key other.pub -5.img", "not signed with the key"),
