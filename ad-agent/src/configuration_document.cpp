@@ -20,8 +20,7 @@ Result<> validate(const std::string& text) {
     constexpr char blanks[] = " \t\r\n";
     const std::size_t first = text.find_first_not_of(blanks);
     const std::size_t last = text.find_last_not_of(blanks);
-    const bool has_braces =
-        first != std::string::npos && first != last && text[first] == '{' && text[last] == '}';
+    const bool has_braces = first != std::string::npos && text[first] == '{' && text[last] == '}';
     if (!has_braces || !g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr)) {
         return failure("response is not a JSON object");
     }

@@ -22,20 +22,17 @@ bool is_etag(const std::string& text) {
            std::all_of(text.begin(), text.end(), [](char c) { return g_ascii_isprint(c); });
 }
 
-bool is_strong_etag(const std::string& etag) {
-    return is_etag(etag) && etag.compare(0, 2, "W/") != 0;
-}
+bool is_strong_etag(const std::string& etag) { return etag.compare(0, 1, "\"") == 0; }
 
 std::string read_etag(const DataDirectory& directory, const std::string& name,
                       const std::string& source) {
     const auto text = directory.read(file_name(name), max_file_size);
     const std::string start = source + "\n";
-    // A torn file lacks the newline at its end.
-    if (!text || text->size() <= start.size() || text->compare(0, start.size(), start) != 0 ||
-        text->back() != '\n') {
+    if (!text || text->compare(0, start.size(), start) != 0) {
         return "";
     }
-    const std::string etag = text->substr(start.size(), text->size() - start.size() - 1);
+    const std::string etag =
+        text->substr(start.size(), text->find('\n', start.size()) - start.size());
     return is_etag(etag) ? etag : "";
 }
 

@@ -15,13 +15,12 @@ Result<PartFile> PartFile::create(const DataDirectory& directory, const std::str
 
 Result<PartFile> PartFile::resume(const DataDirectory& directory, const std::string& name) {
     const std::string part = name + part_suffix;
-    // Anything but a regular file was not created here: replace it.
-    const bool exists = directory.size_of(part).has_value();
-    if (!exists) {
+    if (!directory.size_of(part)) {
+        // Anything but a regular file was not created here.
         remove(directory, name);
     }
     const int flags = O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-    base::UniqueFd fd(openat(directory.fd(), part.c_str(), flags | (exists ? 0 : O_EXCL), 0600));
+    base::UniqueFd fd(openat(directory.fd(), part.c_str(), flags, 0600));
     if (!fd) {
         return errno_failure("failed to create " + directory.path_of(part));
     }

@@ -1,11 +1,8 @@
-// Runs one operation of the agent as a host does, for the tests in Python:
-//
-//     agent-driver DIRECTORY fetch URL-PATH | update VERSION | install VERSION
-//                            | load COPY HAD-UPDATABLE
-//
-// Exits with 0 or 1, the operation's result, and prints what it left behind in its host. From
-// the environment: FIRMWARE, the platform's answer; CHILDREN, "ignored" to ignore SIGCHLD,
-// "unrelated" for a child of the host's own that ends soon.
+// Runs one operation of the agent as a host does, for the tests in Python: "agent-driver DIRECTORY"
+// and "fetch URL-PATH", "update VERSION", "install VERSION" or "load COPY HAD-UPDATABLE". Exits
+// with 0 or 1, the operation's result, and prints what it left behind in its host. In the
+// environment: FIRMWARE, the platform's answer; CHILDREN, "ignored" to ignore SIGCHLD, "unrelated"
+// for a child of the host's own that ends soon.
 #include "agent.h"
 #include "files.h"
 #include "system_information.h"

@@ -2,6 +2,7 @@
 
 import os
 import pathlib
+import re
 import select
 import signal
 import time
@@ -97,10 +98,11 @@ def test_starts_over_when_the_file_has_changed(device, server):
     assert complete(device, image=b"another image")[0] == [PATH]
     server.publish("1.06", IMAGE)
     # The server takes it for another file, or for one that it cannot tell from another.
-    for change in (("\n\"", "\n\"another"), ("\n", "\nW/"), ("", "another image's ")):
+    for pattern, change in (("\n\"", "\n\"another"), ("\n\"", "\nW/\""), ("^.", "x")):
         kill_at(device, TENTH)
-        validator.write_text(validator.read_text().replace(*change, 1))
-        assert complete(device)[0] == [PATH]
+        validator.write_text(re.sub(pattern, change, validator.read_text(), count=1))
+        requests, log = complete(device)
+        assert requests == [PATH] and ("resuming" in log) == ("another" in change)
     for fault in ("norange", "noetag"):
         kill_at(device, TENTH)
         server.misbehave(f"/images/* {fault}")
@@ -125,12 +127,16 @@ def test_does_not_trust_a_partial_download(device, server):
         assert complete(device)[0] == expected
     # A captive portal in between does not cost what is there.
     kill_at(device, TENTH)
-    for fault in ("shift 10", "status 200", "status 500"):
+    for fault in ("shift 10", "declare 10", "status 200", "status 500"):
         server.misbehave(f"/images/* {fault}")
         assert not device.update().ok and device.part.stat().st_size == TENTH, fault
     server.misbehave()
     server.requests()
     assert complete(device)[0] == [f"{PATH} from 40000"]
+    # The server's file ends before that.
+    kill_at(device, TENTH)
+    server.misbehave("/images/* status 416")
+    assert not device.update().ok and not device.part.exists()
 
 
 @pytest.mark.parametrize("act, reason, stopped", [

@@ -57,9 +57,7 @@ TEST(Library, UsesTheDevicesPathsAndAcceptsNullPointers) {
         EXPECT_STREQ(buffer.c_str(), version ? "1234567890123456789" : "0.00");
         EXPECT_EQ(buffer.substr(AD_AGENT_VERSION_BUFFER_SIZE), "####");
     }
-    for (const char* name : {"TileAd-v2.json", "state.ini", "zelADAgent.img"}) {
-        EXPECT_TRUE(std::filesystem::exists(std::string("/opt/usr/apps/adagent/") + name)) << name;
-    }
+    EXPECT_TRUE(std::filesystem::exists("/opt/usr/apps/adagent/zelADAgent.img"));
     umount2("/opt", MNT_DETACH);
 }
 

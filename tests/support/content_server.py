@@ -3,10 +3,10 @@
 
 It serves a directory over HTTP, or HTTPS with a certificate, prints its port on the
 first line of standard output, and appends a line to a log for each request: its path,
-then "304" or "from BYTE" unless the whole file was sent, and "authorized" if it had
-credentials. Files have an ETag. A file of faults, read anew for each request, makes it
-misbehave. Each line is a path pattern (see fnmatch), a fault and its argument; the
-first line that matches counts:
+then "304" if the client has the file, "modified" if it has another one, "from BYTE" if
+only the rest was sent, and "authorized" if the request had credentials. Files have an
+ETag. A file of faults, read anew for each request, makes it misbehave. Each line is a
+path pattern (see fnmatch), a fault and its argument; the first one that matches counts:
 
     /update.ini  stall 10      send so many bytes, then nothing more
     /TileAd/v2   cut 100       send so many bytes, then close the connection
@@ -75,6 +75,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
         if etag and self.headers.get("If-None-Match") == etag:
             self.answer([304], 304, b"", length=None, ETag=etag)
             return
+        logged = ["modified"] if "If-None-Match" in self.headers else []
         size = len(body)
         requested = re.fullmatch(r"bytes=(\d+)-", self.headers.get("Range", ""))
         if requested and fault != "norange" and self.headers.get("If-Range", etag) == etag:
@@ -84,7 +85,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
             logged, status = ["from", start], 206
             content_range = f"bytes {first}-{size - 1}/{size}"
         else:
-            logged, status, content_range = [], 200, None
+            status, content_range = 200, None
         length = number if fault == "declare" else len(body)
         sent = body[:number] if fault in ("stall", "cut") else body
         headers = {"ETag": etag, "Content-Range": content_range}
