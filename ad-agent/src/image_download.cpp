@@ -195,9 +195,7 @@ Result<> download_image(const Settings& settings, const DataDirectory& directory
         remove_etag(directory, image_name);
         return part->commit();
     }
-    if (part->size() == 0) {
-        remove_etag(directory, image_name);
-    } else {
+    if (part->size() > 0) {
         part->keep();
     }
     return downloaded;

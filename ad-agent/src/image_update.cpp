@@ -37,7 +37,7 @@ public:
 
     Result<std::string> run() {
         const bool needs_repair = was_interrupted();
-        const bool repair_first = needs_repair && state_.repairs < max_repairs;
+        const bool repair_first = needs_repair && repairs() < max_repairs;
         if (repair_first) {
             auto offered = offer_stored();
             if (offered) {
@@ -66,15 +66,15 @@ private:
                !is_other_firmware;
     }
 
+    /** How often the stored image was offered again. */
+    int repairs() const { return state_.offered_version == stored_ ? state_.repairs : 0; }
+
     Result<std::string> offer_stored() {
         const auto copied = copy_stored_image(paths_.stored_image, directory_, state_);
         if (!copied) {
             return Failure(copied.error());
         }
-        if (state_.offered_version != stored_) {
-            state_.repairs = 0;
-        }
-        record_offer(stored_, state_.repairs + 1);
+        record_offer(stored_, repairs() + 1);
         return "installation of version " + stored_ +
                " was interrupted; offering the stored image again";
     }

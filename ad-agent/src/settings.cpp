@@ -52,7 +52,7 @@ Result<> read_timeout(GKeyFile* file, const Timeout& timeout, Settings& settings
     if (is_absent(owned)) {
         return {};
     }
-    if (error || value < 1 || value > max_timeout) {
+    if (value < 1 || value > max_timeout) {  // 0 if it is no integer
         return failure(std::string("[timeouts] ") + timeout.key + " must be an integer from 1 to " +
                        std::to_string(max_timeout));
     }

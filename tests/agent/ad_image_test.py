@@ -59,7 +59,7 @@ def test_same_input_yields_same_bytes(image_format):
     sh("mv res old; mkdir -m 700 res; cp -r old/sub old/down res; cp old/a.ini res;"
        "chmod 777 agent.so; touch -d @1000 res/a.ini; umask 077; export SOURCE_DATE_EPOCH=5;"
        f"{PACK} two.img --format {image_format}")
-    assert read("one.img") == read("two.img")
+    assert read("one.img") == read("two.img") and os.stat("two.img").st_mode & 0o777 == 0o644
 
     shown = sh("ad-image show one.img").splitlines()
     assert shown[:2] == ["version      1.05", f"format       {image_format}"]
@@ -67,16 +67,14 @@ def test_same_input_yields_same_bytes(image_format):
     assert shown[5:9] == ["         1  adplayer/res/a.ini", "        12  adplayer/res/down",
                           "         1  adplayer/res/sub/b.ini", "         8  adplayer/res/sub/up"]
     if image_format == "squashfs":
-        listing = re.findall("^[-d].*squashfs-root", sh("TZ=UTC unsquashfs -lln one.img"), re.M)
-        assert {re.sub(r" +\d+ (.*:\d\d) .*", r" \1", line) for line in listing} == {
-            "-rw-r--r-- 0/0 1970-01-01 00:00", "drwxr-xr-x 0/0 1970-01-01 00:00"}
-        assert sh("unsquashfs -cat one.img zelADAgent.xml") == "<Zel><Version>1.05</Version></Zel>\n"
+        assert "1970-01-01 00:00 squashfs-root/libad" in sh("TZ=UTC unsquashfs -lln one.img")
+        assert "<Zel><Version>1.05</Version></Zel>" in sh("unsquashfs -cat one.img zelADAgent.xml")
 
 
 def test_pack_rejects_what_no_device_could_use():
     # The byte that is changed is the machine in the header.
     sh("for name in fifo up root climb; do cp -r res $name; done; mkfifo fifo/x; mkdir directory;"
-       "ln -s ../x up/x; ln -s /etc/passwd root/x; ln -s sub/../a.ini climb/x; printf old >old.img;"
+       "ln -s ../x up/x; ln -s /etc/passwd root/x; ln -s x/../b climb/sub/x; printf old >old.img;"
        r"cp player.so arm.so; printf '\050' | dd of=arm.so bs=1 seek=18 conv=notrunc status=none")
     before = files(".")
     for options, reason in [
@@ -91,7 +89,7 @@ def test_pack_rejects_what_no_device_could_use():
             ("--resources fifo", "res/x is not a file, directory or link"),
             ("--resources up", "res/x is a link that leads out of the resources, to ../x"),
             ("--resources root", "res/x is a link that leads out of the resources, to /etc"),
-            ("--resources climb", "res/x is a link that leads out of the resources, to sub/.."),
+            ("--resources climb", "res/sub/x is a link that leads out of the resources, to x/.."),
             ("--output directory", "directory exists but is not a regular file")]:
         expect_failure(f"{PACK} old.img {options}", reason)
     assert files(".") == before and read("old.img") == b"old"
@@ -99,7 +97,7 @@ def test_pack_rejects_what_no_device_could_use():
 
 def test_wrong_command_lines_exit_with_2():
     for line in ("", "frobnicate", "pack --version 1.05", "publish agent.so", "show agent.so more",
-                 "verify --key", "publish --uns agent.so web", "keygen --key '' --public new.pub"):
+                 "verify --key", "verify --ke maker.pub agent.so", "keygen --key '' --public new"):
         assert "; see 'ad-image --help'" in sh(f"ad-image {line}", status=2)
 
 
@@ -135,6 +133,7 @@ def test_verify_rejects_altered_and_foreign_signatures():
         expect_bad(unsigned, "bad.img is not signed")
     for length in (0, 4097, len(good) - 16):
         expect_bad(good[:-8] + struct.pack("<II", length, 1), "cannot hold a signature of")
+    expect_bad(trailer(b"the whole image"), "cannot hold a signature of 15 bytes")
     expect_bad(good[:-4] + struct.pack("<I", 2), "unknown trailer layout 2")
     # The right key, but for another version or for none.
     for comment, reason in [("version:1.05", "has version 1.06, but was signed as 1.05"),

@@ -45,10 +45,7 @@ def test_downloads_an_image_once(device, server):
     requests, log = complete(device, CHILDREN="ignored")
     assert requests == [PATH]
     # One line for each tenth, and two around them.
-    assert "ad-agent: update: downloaded 30 % of 400000 bytes\n" in log
-    assert 5 <= log.count("\n") <= 12
-    assert device.names() == {"zelADAgent.img", "zelADAgentCache.xml", "state.ini", "update.ini",
-                              "update.ini.validator"}
+    assert "update: downloaded 30 % of 400000 bytes\n" in log and 5 <= log.count("\n") <= 12
     # The host has not taken it: there is no need to download it again.
     assert "version 1.06 was already downloaded to" in device.expect_update("0.00")
     assert server.requests() == ["/update.ini 304"]
@@ -109,10 +106,9 @@ def test_starts_over_when_the_file_has_changed(device, server):
         assert complete(device)[0] == [PATH]
     # What it had is discarded at once, not only when the rest has arrived.
     kill_at(device, 5 * TENTH)
-    validator.write_text(validator.read_text().replace('"', '"another', 1))
-    server.misbehave(f"/images/* cut {TENTH}")
+    server.misbehave(f"/images/* noetag {TENTH}")
     device.expect_no_update("bytes remaining")
-    assert device.part.stat().st_size == TENTH
+    assert device.part.stat().st_size == TENTH and not validator.exists()
 
 
 def test_does_not_trust_a_partial_download(device, server):
@@ -133,10 +129,16 @@ def test_does_not_trust_a_partial_download(device, server):
     server.misbehave()
     server.requests()
     assert complete(device)[0] == [f"{PATH} from 40000"]
-    # The server's file ends before that.
+    # The server's file ends before that; or the disk is full.
     kill_at(device, TENTH)
     server.misbehave("/images/* status 416")
     assert not device.update().ok and not device.part.exists()
+    server.misbehave()
+    device.write("image", IMAGE)
+    device.image.symlink_to(device.root / "image")
+    device.trace("-e", "trace=pwrite64", "-e", "inject=pwrite64:error=ENOSPC:when=3+")
+    device.expect_no_update("failed to write: No space left on device")
+    assert not device.part.exists()
 
 
 @pytest.mark.parametrize("act, reason, stopped", [

@@ -74,7 +74,7 @@ TEST(UpdateIndex, MayBeForCertainFirmwareOnly) {
     for (const char* firmware : {"", "T-1200.8", "T-1200.11"}) {
         EXPECT_FALSE(fits(range, firmware)) << firmware;
     }
-    EXPECT_FALSE(fits("min_firmware=1\n", "") || fits("max_firmware=1\n", "2"));
+    EXPECT_FALSE(fits("max_firmware=1\n", "") || fits("max_firmware=1\n", "2"));
 }
 
 }  // namespace

@@ -12,7 +12,7 @@ path pattern (see fnmatch), a fault and its argument; the first one that matches
     /TileAd/v2   cut 100       send so many bytes, then close the connection
     /images/*    norange       send the whole file whatever range is requested
     /images/*    shift 10      answer a range with one that starts so much later
-    *            noetag        send no ETag
+    *            noetag        send no ETag; with a number, cut as well
     *            endless       send bytes without end
     *            garbage       answer with bytes that are not HTTP
     *            status 404    answer with that status and an HTML page
@@ -61,7 +61,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
                 while True:
                     self.wfile.write(bytes(4096))
             else:
-                self.answer_with_file(fault, int(argument or 0))
+                self.answer_with_file(fault, int(argument) if argument else None)
 
     def answer_with_file(self, fault, number):
         name = posixpath.normpath(self.path).lstrip("/")
@@ -87,7 +87,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
         else:
             status, content_range = 200, None
         length = number if fault == "declare" else len(body)
-        sent = body[:number] if fault in ("stall", "cut") else body
+        sent = body[:number] if fault in ("stall", "cut", "noetag") else body
         headers = {"ETag": etag, "Content-Range": content_range}
         self.answer(logged, status, sent, length, **headers)
         if fault == "stall":
