@@ -79,10 +79,11 @@ def test_files_are_replaced_durably_and_through_no_link(device, server):
     name = "TileAd-v2.json"
     for link in (name, f"{name}.part"):
         (device.data / link).symlink_to(device.root / "agent.conf")
-    trace = device.trace("-y", "-e", "trace=fsync,renameat,renameat2")
+    trace = device.trace("-y", "-s200", "-e", "trace=fsync,renameat,renameat2,write")
     assert device.fetch().ok and "url=" in (device.root / "agent.conf").read_text()
     assert re.search(f"fsync.*/{name}.part>.* = 0\n.*rename.*{name}.* = 0\n.*fsync.*/data>.* = 0\n",
                      trace.read_text())
+    assert re.search(r'write\(2<.*"ad-agent: .* bytes\\n"', trace.read_text())  # at once
 
 
 @pytest.mark.parametrize("fault, reason", [

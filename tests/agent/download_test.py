@@ -19,7 +19,6 @@ def kill(device, host):
     host.kill()
     host.wait()
     assert select.select([transfer], [], [], 10)[0], "the transfer outlives its host"
-    os.close(transfer)
 
 
 def kill_at(device, size):
@@ -143,10 +142,9 @@ def test_does_not_trust_a_partial_download(device, server):
 
 @pytest.mark.parametrize("act, reason, stopped", [
     (lambda host, transfer: os.kill(transfer, signal.SIGKILL), "killed by signal 9", 0),
-    # The host's handler is not the transfer's.
+    # Neither the host's handler nor another child of the host's affects the transfer.
     (lambda host, transfer: os.kill(transfer, signal.SIGTERM), "killed by signal 15", 0),
     (lambda host, transfer: os.kill(host, signal.SIGTERM), "interrupted by a signal", 1),
-    # Nor does another child of the host's end the transfer.
     (lambda host, transfer: None, "timed out", 0)])
 def test_reports_what_ended_a_download(device, server, act, reason, stopped):
     server.misbehave(f"/images/* stall {TENTH}")

@@ -101,6 +101,11 @@ def test_image_is_newer_than_every_copy_and_for_the_firmware(device, server):
     device.expect_no_update("refusing version 1.07: it requires firmware T-1200.2", "0.00")
     device.environment = {"FIRMWARE": "T-1200.10"}
     device.expect_update("0.00", image=b"newer")
+    # The platform reports none, or there is no platform.
+    device.environment = {}
+    for command in (device.command, [f"{device.command[0]}-without-platform"]):
+        device.command = command
+        device.expect_no_update("and the version of this one is unknown", "0.00")
 
 
 def test_installed_version_is_one_of_a_whole_manifest(device):

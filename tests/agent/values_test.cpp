@@ -49,11 +49,10 @@ const std::string index_text =
     "sha256=0123456789abcdef0123456789ABCDEF0123456789abcdef0123456789abcdef\n";
 
 TEST(UpdateIndex, IsRejectedIfAnyValueIsInvalid) {
-    const auto index = parse_update_index(index_text);
-    ASSERT_TRUE(index);
-    EXPECT_EQ(std::tie(index->version, index->size, index->file),
+    const UpdateIndex index = parse_update_index(index_text).value();
+    EXPECT_EQ(std::tie(index.version, index.size, index.file),
               std::make_tuple("1.06", 4096U, "a-1.06.img"));
-    EXPECT_EQ(index->sha256, "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef");
+    EXPECT_EQ(index.sha256, "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef");
 
     // The last value of a key counts.
     for (const std::string& line :

@@ -1,5 +1,4 @@
-// Whatever bytes a server sends as its index: they are rejected with a reason, or yield values
-// that are safe to act on.
+// Whatever a server sends as its index is rejected with a reason, or yields values that are safe.
 #include "update_index.h"
 #include "version.h"
 
