@@ -1,18 +1,17 @@
 /**
- * The agent library, libad-agent-fwk.so: what it exports to the daemon that
- * hosts it.
+ * The agent library, libad-agent-fwk.so: the entry points that it exports to the
+ * daemon that hosts it.
  *
- * The functions are plain C functions, found by name with dlsym(3) and called
- * from one thread. None of them keeps a pointer that it is given, throws, starts
- * a thread or ends the process. A failure costs one line on standard error,
- * "ad-agent: " and what went wrong, and the result below.
+ * They are plain C functions, looked up by name with dlsym(3) and called from one
+ * thread. None of them keeps a pointer that it is passed, throws, starts a thread or
+ * ends the process. A failure is logged as one line on standard error, "ad-agent: " and
+ * the reason, and reported by the return value.
  *
- * The library reads "/opt/etc/ad-agent.conf" anew at each call that needs it and
- * keeps its files in "/opt/usr/apps/adagent"; docs/agent-library.md describes
- * both, and what it asks of the content server.
+ * The library reads "/opt/etc/ad-agent.conf" anew in each call that needs it and keeps
+ * its files in "/opt/usr/apps/adagent"; docs/agent-library.md describes both, and the
+ * requests that it sends to the content server.
  */
-#ifndef AD_AGENT_H
-#define AD_AGENT_H
+#pragma once
 
 #ifdef __cplusplus
 extern "C" {
@@ -20,84 +19,84 @@ extern "C" {
 
 #define AD_AGENT_API __attribute__((visibility("default")))
 
-/** What the entry points return, except where they say otherwise. */
+/** What the entry points return, unless they say otherwise. */
 enum {
     AD_AGENT_OK = 0,
-    /** It failed, and a line on standard error says why. */
+    /** It failed; a line on standard error has the reason. */
     AD_AGENT_FAILED = -1,
-    /** This library does not do that. */
+    /** This library does not implement the function. */
     AD_AGENT_NOT_SUPPORTED = -2
 };
 
 /** What ad_agent_update() returns. */
 enum { AD_AGENT_NO_UPDATE = 0, AD_AGENT_UPDATE_DOWNLOADED = 1 };
 
-/** The room that ad_agent_get_soversion() needs: 19 characters and a NUL. */
+/** The size of ad_agent_get_soversion()'s buffer: 19 characters and a NUL. */
 #define AD_AGENT_VERSION_BUFFER_SIZE 20
 
 /**
- * Starts the library: names, in one line, the file that it was loaded from, and
- * notes whether the libraries that were installed last could be loaded: their image
- * is not taken again if not. Does not touch the network.
- * @return AD_AGENT_OK, or AD_AGENT_FAILED when memory runs out
+ * Starts the library: logs the file that it was loaded from, and records whether the
+ * libraries that were installed last could be loaded; if not, their image is not
+ * installed again. Does not use the network.
+ * @return AD_AGENT_OK, or AD_AGENT_FAILED if memory runs out
  */
 AD_AGENT_API int ad_agent_init(void);
 
 /**
- * Ends the use of the library, before it is unloaded. There is nothing that it
- * holds between calls, so this may be called at any time, or not at all.
+ * Stops using the library, before it is unloaded. It holds nothing between calls: the
+ * function may be called at any time, or never.
  * @return AD_AGENT_OK
  */
 AD_AGENT_API int ad_agent_clear(void);
 
 /**
- * Fetches a configuration document from the content server and keeps it in the
- * data folder. The document kept before stays when the new one cannot be had.
- * Blocks for at most the "document" time-out, and ends early when a signal
- * handler runs.
- * @param url_path  the document's path below the server's URL, such as
- *                  "/TileAd/v2", which is kept as "TileAd-v2.json"
+ * Fetches a configuration document from the content server and stores it in the data
+ * directory. On failure the previously stored document is kept.
+ * Blocks for at most the "document" time-out and two seconds, and returns early if a
+ * signal handler runs.
+ * @param url_path  the document's path below the server's URL, such as "/TileAd/v2",
+ *                  which is stored as "TileAd-v2.json"
  * @return AD_AGENT_OK or AD_AGENT_FAILED
  */
 AD_AGENT_API int ad_agent_config_server(const char* url_path);
 
 /**
  * Leaves an image to install at "/opt/usr/apps/adagent/zelADAgent.img". That is the
- * stored image again, without asking the server, when its version is not the one
- * that the cache manifest records: its installation was cut. Else it is the content
- * server's newest image when that is newer than all that is here, for this firmware,
- * and not one whose library failed to load here before. Either the whole image,
- * checked by size and SHA-256, is there in the end or what was there before; a
- * download that was cut is kept and gone on with by the next call.
- * Blocks for at most the "document" and "image" time-outs together, and ends
- * early when a signal handler runs.
- * @param stored_version  the version of the image in the store as a decimal fraction;
- *                        text that does not start with a number, or NULL, is 0
- * @return AD_AGENT_UPDATE_DOWNLOADED when an image is to be installed, or
- *         AD_AGENT_NO_UPDATE when there is none and in every case of failure
+ * stored image, without a request to the server, if its version is not the one in the
+ * cache manifest: its installation was interrupted. Otherwise it is the content server's
+ * newest image, provided that it is newer than every copy on the device, is for this
+ * firmware, and is not one whose library failed to load here.
+ * The image is verified by size and SHA-256 before it replaces an earlier download. An
+ * interrupted download is kept and resumed by the next call.
+ * Blocks for at most the "document" and "image" time-outs together and a few seconds,
+ * and returns early if a signal handler runs.
+ * @param stored_version  the version of the stored image, a decimal fraction; text that
+ *                        does not start with a number, and NULL, count as 0
+ * @return AD_AGENT_UPDATE_DOWNLOADED if there is an image to install; AD_AGENT_NO_UPDATE
+ *         if there is none, and on failure
  */
 AD_AGENT_API int ad_agent_update(const char* stored_version);
 
 /**
- * Records the version of the libraries that were just installed in the cache
- * manifest, "/opt/usr/apps/adagent/zelADAgentCache.xml", and which image they are of.
- * @param version  the version, UTF-8 text
+ * Records the version of the libraries that were just installed in the cache manifest,
+ * "/opt/usr/apps/adagent/zelADAgentCache.xml", and which image they came from.
+ * @param version  the version, UTF-8 text; NULL stands for "0.00"
  * @return AD_AGENT_OK or AD_AGENT_FAILED
  */
 AD_AGENT_API int ad_agent_set_soversion(const char* version);
 
 /**
- * Reads the version that the cache manifest records.
- * @param version  the caller's buffer of AD_AGENT_VERSION_BUFFER_SIZE bytes; gets
- *                 at most 19 characters of the version and a NUL, or "0.00" when
+ * Reads the version from the cache manifest.
+ * @param version  the caller's buffer of AD_AGENT_VERSION_BUFFER_SIZE bytes, which
+ *                 receives at most 19 characters of the version and a NUL; "0.00" if
  *                 none is recorded
- * @return AD_AGENT_OK, or AD_AGENT_FAILED for a null pointer
+ * @return AD_AGENT_OK, or AD_AGENT_FAILED if `version` is NULL or memory runs out
  */
 AD_AGENT_API int ad_agent_get_soversion(char* version);
 
 /**
- * Names kept for programs that look all of them up. This library serves no
- * advertisement: each says so in one line, ignores what it is given and returns
+ * Provided for hosts that look all of them up. This library serves no advertisements:
+ * each function logs that it is not supported, ignores its arguments and returns
  * AD_AGENT_NOT_SUPPORTED.
  */
 AD_AGENT_API int ad_agent_register(void);
@@ -110,6 +109,4 @@ AD_AGENT_API int ad_agent_psid_get(void);
 
 #ifdef __cplusplus
 }
-#endif
-
 #endif

@@ -16,36 +16,36 @@ namespace {
 using ad_agent::Agent;
 using ad_agent::log_line;
 
-static_assert(AD_AGENT_VERSION_BUFFER_SIZE == ad_agent::MAX_VERSION_LENGTH + 1);
+static_assert(AD_AGENT_VERSION_BUFFER_SIZE == ad_agent::max_version_length + 1);
 
-constexpr char UPDATABLE_LIBRARY[] = "/opt/usr/lib/libad-agent-fwk.so";
+constexpr char updatable_library[] = "/opt/usr/lib/libad-agent-fwk.so";
 
 /**
- * Looked up while this copy is being loaded: by ad_agent_init() the host has
- * removed an updatable copy that it could not load.
+ * Determined while this copy is being loaded: before ad_agent_init() the host removes an
+ * updatable copy that it could not load.
  */
-const bool updatable_was_there = access(UPDATABLE_LIBRARY, F_OK) == 0;
+const bool had_updatable = access(updatable_library, F_OK) == 0;
 
 /** The library on this device. */
 Agent device_agent() {
     return Agent({"/opt/etc/ad-agent.conf", "/opt/usr/apps/adagent",
-                  "/opt/down/zels/zelADAgent_img/zelADAgent.img", UPDATABLE_LIBRARY,
+                  "/opt/down/zels/zelADAgent_img/zelADAgent.img", updatable_library,
                   "/usr/lib/libad-agent-fwk.so", "/usr/bin/zels/zelADAgent/zelADAgent.xml"});
 }
 
-/** Runs an entry's work; memory that runs out must not end the host. */
+/** Runs an entry point's work. Running out of memory must not end the host. */
 template <typename Work>
-int guarded(const char* entry, int failed, Work work) {
+int guarded(const char* entry_point, int failed, Work work) {
     try {
         return work();
-    } catch (const std::exception& problem) {
-        log_line(std::string(entry) + ": " + problem.what());
+    } catch (const std::exception& exception) {
+        log_line(std::string(entry_point) + ": " + exception.what());
         return failed;
     }
 }
 
-int not_supported(const char* entry) {
-    log_line(std::string(entry) + ": not supported");
+int not_supported(const char* entry_point) {
+    log_line(std::string(entry_point) + ": not supported");
     return AD_AGENT_NOT_SUPPORTED;
 }
 
@@ -53,11 +53,11 @@ int not_supported(const char* entry) {
 
 int ad_agent_init() {
     Dl_info info = {};
-    const bool found = dladdr(reinterpret_cast<void*>(&ad_agent_init), &info) != 0;
-    const char* file = found && info.dli_fname ? info.dli_fname : "an unknown file";
-    log_line(std::string("loaded from ") + file);
+    const bool is_found = dladdr(reinterpret_cast<void*>(&ad_agent_init), &info) != 0;
+    const char* const file = is_found && info.dli_fname ? info.dli_fname : "an unknown file";
     return guarded(__func__, AD_AGENT_FAILED, [&] {
-        device_agent().loaded_from(file, updatable_was_there);
+        log_line(std::string("loaded from ") + file);
+        device_agent().report_loaded_library(file, had_updatable);
         return AD_AGENT_OK;
     });
 }
@@ -66,28 +66,31 @@ int ad_agent_clear() { return AD_AGENT_OK; }
 
 int ad_agent_config_server(const char* url_path) {
     return guarded(__func__, AD_AGENT_FAILED, [&] {
-        const bool kept = device_agent().fetch_configuration(url_path ? url_path : "");
-        return kept ? AD_AGENT_OK : AD_AGENT_FAILED;
+        const bool is_current = device_agent().fetch_configuration(url_path ? url_path : "");
+        return is_current ? AD_AGENT_OK : AD_AGENT_FAILED;
     });
 }
 
 int ad_agent_update(const char* stored_version) {
     return guarded(__func__, AD_AGENT_NO_UPDATE, [&] {
-        const bool downloaded =
-            device_agent().update(stored_version ? stored_version : ad_agent::NO_VERSION);
-        return downloaded ? AD_AGENT_UPDATE_DOWNLOADED : AD_AGENT_NO_UPDATE;
+        const bool is_offered =
+            device_agent().update(stored_version ? stored_version : ad_agent::no_version);
+        return is_offered ? AD_AGENT_UPDATE_DOWNLOADED : AD_AGENT_NO_UPDATE;
     });
 }
 
 int ad_agent_set_soversion(const char* version) {
     return guarded(__func__, AD_AGENT_FAILED, [&] {
-        const bool recorded = device_agent().set_version(version ? version : ad_agent::NO_VERSION);
-        return recorded ? AD_AGENT_OK : AD_AGENT_FAILED;
+        const bool is_written =
+            device_agent().set_version(version ? version : ad_agent::no_version);
+        return is_written ? AD_AGENT_OK : AD_AGENT_FAILED;
     });
 }
 
 int ad_agent_get_soversion(char* version) {
-    if (!version) return AD_AGENT_FAILED;
+    if (!version) {
+        return AD_AGENT_FAILED;
+    }
     return guarded(__func__, AD_AGENT_FAILED, [&] {
         g_strlcpy(version, device_agent().version().c_str(), AD_AGENT_VERSION_BUFFER_SIZE);
         return AD_AGENT_OK;

@@ -2,7 +2,7 @@
 
 #include "ADDigest.h"
 #include "configuration_document.h"
-#include "data_folder.h"
+#include "data_directory.h"
 #include "device_state.h"
 #include "image_update.h"
 #include "log.h"
@@ -12,72 +12,98 @@
 namespace ad_agent {
 namespace {
 
-/** Notes the image whose libraries were just installed, until one of them has been loaded. */
-bool remember_installation(const Places& places, const DataFolder& folder,
-                           const std::string& version, std::string& error) {
-    DeviceState state = read_state(folder);
-    const std::string sha256 = ad_sha256_file(places.stored_image.c_str());
-    if (sha256 != state.installed_sha256) state.installed_loaded = false;
+/** Logs what an operation did or why it failed. Returns whether it succeeded. */
+bool log_result(const std::string& operation, const Result<std::string>& result) {
+    log_line(operation + ": " + (result ? *result : result.error().message));
+    return result.has_value();
+}
+
+/** Records the image whose libraries were just installed. */
+Result<> record_installation(const DevicePaths& paths, const DataDirectory& directory,
+                             const std::string& version) {
+    DeviceState state = read_state(directory);
+    const std::string sha256 = ad_sha256_file(paths.stored_image.c_str());
+    if (sha256 != state.installed_sha256) {
+        state.installed_loaded = false;
+    }
     state.installed_sha256 = sha256;
     state.installed_version = version;
     state.repairs = 0;
-    return write_state(folder, state, error);
+    return write_state(directory, state);
 }
 
 }  // namespace
 
-void Agent::loaded_from(const std::string& file, bool updatable_was_there) const {
-    const bool is_updatable = file == m_places.updatable_library;
-    if (!is_updatable && file != m_places.firmware_library) return;
-    std::string error;
-    const auto folder = DataFolder::open(m_places.data_folder, error);
-    if (!folder) return;
-    DeviceState state = read_state(*folder);
-    if (state.installed_sha256.empty() || state.installed_loaded) return;
-
+void Agent::report_loaded_library(const std::string& file, bool had_updatable) const {
+    const bool is_updatable = file == paths_.updatable_library;
+    if (!is_updatable && file != paths_.firmware_library) {
+        return;
+    }
+    const auto directory = DataDirectory::open(paths_.data_directory);
+    if (!directory) {
+        return;
+    }
+    DeviceState state = read_state(*directory);
+    if (state.installed_sha256.empty() || state.installed_loaded) {
+        return;
+    }
     if (is_updatable) {
         state.installed_loaded = true;
     } else {
-        if (updatable_was_there) {
+        if (had_updatable) {
             log_line("the library of version " + state.installed_version +
-                     " failed to load: its image will not be taken again");
+                     " failed to load; its image will not be installed again");
             state.add_bad(state.installed_sha256);
         }
         state.installed_sha256.clear();
     }
-    if (!write_state(*folder, state, error)) log_line(error);
+    const auto written = write_state(*directory, state);
+    if (!written) {
+        log_line(written.error().message);
+    }
 }
 
 bool Agent::fetch_configuration(const std::string& url_path) const {
-    std::string message;
-    const auto settings = load_settings(m_places.configuration, message);
-    const auto folder = settings ? DataFolder::make(m_places.data_folder, message) : std::nullopt;
-    const bool kept = folder && keep_configuration_document(*settings, *folder, url_path, message);
-    log_line("configuration document " + url_path + ": " + message);
-    return kept;
+    const auto fetch = [&]() -> Result<std::string> {
+        const auto settings = load_settings(paths_.configuration);
+        if (!settings) {
+            return Failure(settings.error());
+        }
+        const auto directory = DataDirectory::create(paths_.data_directory);
+        if (!directory) {
+            return Failure(directory.error());
+        }
+        return fetch_configuration_document(*settings, *directory, url_path);
+    };
+    return log_result("configuration document " + url_path, fetch());
 }
 
 bool Agent::update(const std::string& stored_version) const {
-    std::string message;
-    const auto folder = DataFolder::make(m_places.data_folder, message);
-    const bool offered = folder && offer_image(m_places, *folder, stored_version, message);
-    log_line("update: " + message);
-    return offered;
+    const auto directory = DataDirectory::create(paths_.data_directory);
+    return log_result("update", directory ? offer_image(paths_, *directory, stored_version)
+                                          : Failure(directory.error()));
 }
 
 bool Agent::set_version(const std::string& version) const {
-    std::string error;
-    const auto folder = DataFolder::make(m_places.data_folder, error);
-    // Before the manifest: a cut between them leaves an installation to be repaired.
-    if (folder && !remember_installation(m_places, *folder, version, error)) log_line(error);
-    const bool written =
-        folder && write_cache_version(*folder, CACHE_MANIFEST_NAME, version, error);
-    if (!written) log_line("cache manifest: " + error);
-    return written;
+    const auto directory = DataDirectory::create(paths_.data_directory);
+    if (!directory) {
+        log_line(directory.error().message);
+        return false;
+    }
+    // Before the manifest: a power failure in between leaves an installation to repair.
+    const auto recorded = record_installation(paths_, *directory, version);
+    if (!recorded) {
+        log_line(recorded.error().message);
+    }
+    const auto written = write_cache_version(*directory, version);
+    if (!written) {
+        log_line(written.error().message);
+    }
+    return written.has_value();
 }
 
 std::string Agent::version() const {
-    return read_cache_version(m_places.data_folder + "/" + CACHE_MANIFEST_NAME);
+    return read_cache_version(paths_.data_directory + "/" + cache_manifest_name);
 }
 
 }  // namespace ad_agent

@@ -1,10 +1,9 @@
 /**
- * What the library does, with the configuration and in the folder given to it.
+ * What the library does, independent of where its files are.
  */
-#ifndef AD_AGENT_AGENT_H
-#define AD_AGENT_AGENT_H
+#pragma once
 
-#include "places.h"
+#include "device_paths.h"
 
 #include <string>
 #include <utility>
@@ -12,40 +11,36 @@
 namespace ad_agent {
 
 /**
- * Each operation reads the configuration and opens the data folder anew, so that
- * an edit of the one and the making of the other count at once. What it did, or
- * why it did not, is told by log_line().
+ * Each operation reads the configuration and opens the data directory anew, so that
+ * changes to either take effect at once, and logs what it did or why it failed.
  */
 class Agent {
 public:
-    explicit Agent(Places places) : m_places(std::move(places)) {}
+    explicit Agent(DevicePaths paths) : paths_(std::move(paths)) {}
 
     /**
-     * Tells which copy of the library the host has loaded, so that an installed one
-     * which could not be loaded is known and its image not taken again.
-     * @param file                 the copy's file
-     * @param updatable_was_there  whether the updatable copy was there meanwhile: a
-     *                             host that loads the firmware's then has failed to
-     *                             load the updatable one
+     * Records which copy of the library the host has loaded. An installed copy that
+     * could not be loaded marks its image as bad.
+     * @param file           the loaded copy's path
+     * @param had_updatable  whether the updatable copy existed at that time: a host that
+     *                       loads the firmware's copy then has failed to load it
      */
-    void loaded_from(const std::string& file, bool updatable_was_there) const;
+    void report_loaded_library(const std::string& file, bool had_updatable) const;
 
-    /** Fetches a configuration document and keeps it. @return whether it did */
+    /** Fetches and stores a configuration document. Returns whether the stored one is current. */
     bool fetch_configuration(const std::string& url_path) const;
 
-    /** Looks for an image to install. @return whether there is one in the data folder now */
+    /** Looks for an image to install. Returns whether one is in the data directory. */
     bool update(const std::string& stored_version) const;
 
-    /** Records the installed libraries' version. @return whether it did */
+    /** Records the version of the installed libraries. Returns whether it was written. */
     bool set_version(const std::string& version) const;
 
-    /** Gives the recorded version, NO_VERSION for none. */
+    /** Returns the recorded version, or no_version. */
     std::string version() const;
 
 private:
-    Places m_places;
+    DevicePaths paths_;
 };
 
 }  // namespace ad_agent
-
-#endif

@@ -1,10 +1,10 @@
 /**
  * The configuration documents of the content server's services.
  */
-#ifndef AD_AGENT_CONFIGURATION_DOCUMENT_H
-#define AD_AGENT_CONFIGURATION_DOCUMENT_H
+#pragma once
 
-#include "data_folder.h"
+#include "data_directory.h"
+#include "result.h"
 #include "settings.h"
 
 #include <string>
@@ -12,20 +12,19 @@
 namespace ad_agent {
 
 /**
- * Gives the name that the document of a URL path is kept under: "/TileAd/v2" is
- * "TileAd-v2.json". Empty when the path is not one of plain names.
+ * Returns the name that the document of a URL path is stored under: "TileAd-v2.json"
+ * for "/TileAd/v2". Empty unless the path consists of names of letters, digits and
+ * underscores.
  */
 std::string document_name(const std::string& url_path);
 
 /**
- * Fetches a document and keeps it in the data folder. The one kept before stays
- * when that fails.
- * @param message  gets where the document is, or why there is no new one
- * @return whether it is kept
+ * Fetches a document and stores it in the data directory. On failure the previously
+ * stored one is kept.
+ * @return what was done, for the log
  */
-bool keep_configuration_document(const Settings& settings, const DataFolder& folder,
-                                 const std::string& url_path, std::string& message);
+Result<std::string> fetch_configuration_document(const Settings& settings,
+                                                 const DataDirectory& directory,
+                                                 const std::string& url_path);
 
 }  // namespace ad_agent
-
-#endif

@@ -1,16 +1,13 @@
 /**
- * What a transfer's own process does.
+ * The part of a transfer that runs in its own process.
  */
-#ifndef AD_AGENT_CURL_TRANSFER_H
-#define AD_AGENT_CURL_TRANSFER_H
+#pragma once
 
-#include "transfer.h"
+#include "transfer_request.h"
 
 namespace ad_agent {
 
-/** Loads libcurl into this process and fetches a URL in it; the error is without the URL. */
+/** Loads libcurl into this process and transfers a file with it. The error lacks the URL. */
 TransferResult run_curl_transfer(const TransferRequest& request);
 
 }  // namespace ad_agent
-
-#endif

@@ -1,24 +1,26 @@
 #include "device_state.h"
 
-#include "glib_owned.h"
+#include "base/glib_owned.h"
+#include "part_file.h"
 
 #include <algorithm>
 
 namespace ad_agent {
 namespace {
 
-constexpr std::uint64_t MAX_STATE_SIZE = 64ULL * 1024;
-constexpr std::size_t MAX_BAD = 32;
-constexpr char INSTALLED[] = "installed";
-constexpr char OFFERED[] = "offered";
-constexpr char BAD[] = "bad";
+constexpr char file_name[] = "state.ini";
+constexpr std::uint64_t max_state_size = 64ULL * 1024;
+constexpr std::size_t max_bad = 32;
+constexpr char installed_group[] = "installed";
+constexpr char offered_group[] = "offered";
+constexpr char bad_group[] = "bad";
 
-std::string text_of(GKeyFile* file, const char* group, const char* key) {
-    const OwnedText text(g_key_file_get_string(file, group, key, nullptr));
+std::string read_text(GKeyFile* file, const char* group, const char* key) {
+    const base::Owned<char> text(g_key_file_get_string(file, group, key, nullptr));
     return text ? text.get() : "";
 }
 
-std::vector<std::string> texts_of(GKeyFile* file, const char* group, const char* key) {
+std::vector<std::string> read_list(GKeyFile* file, const char* group, const char* key) {
     gsize length = 0;
     gchar** const list = g_key_file_get_string_list(file, group, key, &length, nullptr);
     std::vector<std::string> texts(list, list + length);
@@ -33,44 +35,52 @@ bool DeviceState::is_bad(const std::string& sha256) const {
 }
 
 void DeviceState::add_bad(const std::string& sha256) {
-    if (is_bad(sha256)) return;
+    if (is_bad(sha256)) {
+        return;
+    }
     bad.push_back(sha256);
-    if (bad.size() > MAX_BAD) bad.erase(bad.begin());
+    if (bad.size() > max_bad) {
+        bad.erase(bad.begin());
+    }
 }
 
-DeviceState read_state(const DataFolder& folder) {
+DeviceState read_state(const DataDirectory& directory) {
     DeviceState state;
-    const auto text = folder.read(STATE_NAME, MAX_STATE_SIZE);
-    const OwnedKeyFile file(g_key_file_new());
+    const auto text = directory.read(file_name, max_state_size);
+    const base::Owned<GKeyFile> file(g_key_file_new());
     if (!text || !g_key_file_load_from_data(file.get(), text->data(), text->size(), G_KEY_FILE_NONE,
-                                            nullptr))
+                                            nullptr)) {
         return state;
-    state.installed_sha256 = text_of(file.get(), INSTALLED, "sha256");
-    state.installed_version = text_of(file.get(), INSTALLED, "version");
-    state.installed_loaded = g_key_file_get_boolean(file.get(), INSTALLED, "loaded", nullptr);
-    state.offered_version = text_of(file.get(), OFFERED, "version");
-    state.offered_firmware = text_of(file.get(), OFFERED, "firmware");
-    state.repairs = g_key_file_get_integer(file.get(), OFFERED, "repairs", nullptr);
-    state.bad = texts_of(file.get(), BAD, "sha256");
+    }
+    state.installed_sha256 = read_text(file.get(), installed_group, "sha256");
+    state.installed_version = read_text(file.get(), installed_group, "version");
+    state.installed_loaded =
+        g_key_file_get_boolean(file.get(), installed_group, "loaded", nullptr) != FALSE;
+    state.offered_version = read_text(file.get(), offered_group, "version");
+    state.offered_firmware = read_text(file.get(), offered_group, "firmware");
+    state.repairs = g_key_file_get_integer(file.get(), offered_group, "repairs", nullptr);
+    state.bad = read_list(file.get(), bad_group, "sha256");
     return state;
 }
 
-bool write_state(const DataFolder& folder, const DeviceState& state, std::string& error) {
-    const OwnedKeyFile file(g_key_file_new());
+Result<> write_state(const DataDirectory& directory, const DeviceState& state) {
+    const base::Owned<GKeyFile> file(g_key_file_new());
     const auto set = [&](const char* group, const char* key, const std::string& value) {
         g_key_file_set_string(file.get(), group, key, value.c_str());
     };
-    set(INSTALLED, "sha256", state.installed_sha256);
-    set(INSTALLED, "version", state.installed_version);
-    g_key_file_set_boolean(file.get(), INSTALLED, "loaded", state.installed_loaded);
-    set(OFFERED, "version", state.offered_version);
-    set(OFFERED, "firmware", state.offered_firmware);
-    g_key_file_set_integer(file.get(), OFFERED, "repairs", state.repairs);
+    set(installed_group, "sha256", state.installed_sha256);
+    set(installed_group, "version", state.installed_version);
+    g_key_file_set_boolean(file.get(), installed_group, "loaded", state.installed_loaded);
+    set(offered_group, "version", state.offered_version);
+    set(offered_group, "firmware", state.offered_firmware);
+    g_key_file_set_integer(file.get(), offered_group, "repairs", state.repairs);
     std::vector<const gchar*> bad;
-    for (const std::string& sha256 : state.bad) bad.push_back(sha256.c_str());
-    g_key_file_set_string_list(file.get(), BAD, "sha256", bad.data(), bad.size());
-    const OwnedText text(g_key_file_to_data(file.get(), nullptr, nullptr));
-    return folder.write(STATE_NAME, text.get(), error);
+    for (const std::string& sha256 : state.bad) {
+        bad.push_back(sha256.c_str());
+    }
+    g_key_file_set_string_list(file.get(), bad_group, "sha256", bad.data(), bad.size());
+    const base::Owned<char> text(g_key_file_to_data(file.get(), nullptr, nullptr));
+    return replace_file(directory, file_name, text.get());
 }
 
 }  // namespace ad_agent

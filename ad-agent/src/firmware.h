@@ -1,19 +1,16 @@
 /**
- * The firmware of the device, as its platform tells it.
+ * The device's firmware version.
  */
-#ifndef AD_AGENT_FIRMWARE_H
-#define AD_AGENT_FIRMWARE_H
+#pragma once
 
 #include <string>
 
 namespace ad_agent {
 
 /**
- * Gives the firmware's version, such as "T-1200.1". Empty when the platform does
- * not tell it, or when the host has no platform.
+ * Returns the firmware's version, such as "T-1200.1", as the platform reports it. Empty
+ * if the platform does not report one or the host has no platform library.
  */
 std::string firmware_version();
 
 }  // namespace ad_agent
-
-#endif

@@ -1,10 +1,14 @@
 #include "image_download.h"
 
 #include "ADDigest.h"
-#include "kept_document.h"
+#include "base/errno_text.h"
+#include "cached_document.h"
+#include "etag.h"
 #include "log.h"
-#include "validator.h"
+#include "part_file.h"
+#include "transfer.h"
 
+#include <algorithm>
 #include <cerrno>
 
 #include <glib.h>
@@ -12,172 +16,195 @@
 namespace ad_agent {
 namespace {
 
-constexpr char IMAGES_PATH[] = "/images/";
-constexpr int MAX_CONNECTIONS = 50;
-constexpr std::uint64_t PROGRESS_STEPS = 10;
+constexpr char images_path[] = "/images/";
+constexpr int max_connections = 50;
+constexpr std::uint64_t progress_steps = 10;
 
-/** Holds a file against what the index says of the image. @return the difference, or nothing */
-std::string difference(const DataFolder& folder, const std::string& name,
-                       const UpdateIndex& index) {
-    const std::uint64_t size = folder.size_of(name).value_or(0);
+/** Compares a file's size and SHA-256 with the index. Returns the difference, or none. */
+std::optional<std::string> mismatch(const DataDirectory& directory, const std::string& name,
+                                    const UpdateIndex& index) {
+    const std::uint64_t size = directory.size_of(name).value_or(0);
     if (size != index.size) {
-        return "it has " + std::to_string(size) + " bytes, the index says " +
-               std::to_string(index.size);
+        return "size is " + std::to_string(size) + " bytes, expected " + std::to_string(index.size);
     }
-    const std::string sha256 = ad_sha256_file(folder.path_of(name).c_str());
-    if (sha256.empty()) return std::string("cannot read it back: ") + g_strerror(errno);
-    if (sha256 != index.sha256) return "its SHA-256 is " + sha256 + ", not the index's";
-    return "";
+    const std::string path = directory.path_of(name);
+    const std::string sha256 = ad_sha256_file(path.c_str());
+    if (sha256.empty()) {
+        return "failed to read " + path + ": " + base::errno_text(errno);
+    }
+    if (sha256 != index.sha256) {
+        return "SHA-256 is " + sha256 + ", expected " + index.sha256;
+    }
+    return std::nullopt;
 }
 
-/** Says a line at each tenth of the image that has come. */
+/** Logs a line for each tenth of the image that has arrived. */
 class Progress {
 public:
-    Progress(std::uint64_t size, std::uint64_t done) : m_size(size), m_step(step_of(done)) {}
+    Progress(std::uint64_t size, std::uint64_t done) : size_(size), step_(step_of(done)) {}
 
-    void tell(std::uint64_t done) {
+    void report(std::uint64_t done) {
         const std::uint64_t step = step_of(done);
-        if (step <= m_step) return;
-        m_step = step;
-        log_line("update: " + std::to_string(step * 100 / PROGRESS_STEPS) + " % of " +
-                 std::to_string(m_size) + " bytes");
+        if (step <= step_) {
+            return;
+        }
+        step_ = step;
+        log_line("update: downloaded " + std::to_string(step * 100 / progress_steps) + " % of " +
+                 std::to_string(size_) + " bytes");
     }
 
 private:
-    std::uint64_t step_of(std::uint64_t done) const { return done * PROGRESS_STEPS / m_size; }
+    std::uint64_t step_of(std::uint64_t done) const { return done * progress_steps / size_; }
 
-    std::uint64_t m_size;
-    std::uint64_t m_step;
+    std::uint64_t size_;
+    std::uint64_t step_;
 };
 
 class Download {
 public:
-    Download(const Settings& settings, const DataFolder& folder, const UpdateIndex& index,
+    Download(const Settings& settings, const DataDirectory& directory, const UpdateIndex& index,
              PartFile& part)
-        : m_folder(folder),
-          m_index(index),
-          m_part(part),
-          m_request(request_for(settings, IMAGES_PATH + index.file)),
-          m_deadline(g_get_monotonic_time() + gint64{settings.image_timeout} * G_USEC_PER_SEC) {
-        m_request.fd = part.fd();
-        m_request.max_bytes = index.size;
-        m_request.size = index.size;
-        m_request.at_start = [this](const std::string& validator) { keep(validator); };
+        : directory_(directory),
+          index_(index),
+          part_(part),
+          request_(make_request(settings, images_path + index.file)),
+          deadline_(g_get_monotonic_time() + gint64{settings.image_timeout} * G_USEC_PER_SEC) {
+        request_.fd = part.fd();
+        request_.max_bytes = index.size;
+        request_.expected_size = index.size;
+        request_.on_start = [this](const std::string& etag) { store(etag); };
     }
 
-    /** Forgets what was there of another file, or of this one without a validator. */
-    bool prepare(std::string& error) {
-        m_validator = read_validator(m_folder, IMAGE_NAME, m_index.sha256);
-        const bool resumable = is_strong(m_validator) && m_part.size() <= m_index.size;
-        if (!resumable && !start_anew(error)) return false;
-        if (m_part.size() > 0)
-            log_line("update: going on after " + std::to_string(m_part.size()) + " bytes");
-        const std::uint64_t missing = m_index.size - m_part.size();
-        const std::uint64_t room = m_folder.free_bytes();
-        if (missing <= room) return true;
-        error = "no room for the image: " + std::to_string(missing) + " bytes are needed and " +
-                std::to_string(room) + " free";
-        return false;
-    }
-
-    bool start_anew(std::string& error) {
-        remove_validator(m_folder, IMAGE_NAME);
-        m_validator.clear();
-        return m_part.clear(error);
-    }
-
-    /** Fetches what is missing. @return whether all is there, with the reason in error */
-    bool run(std::string& error) {
-        for (int connections = 0; m_part.size() < m_index.size; ++connections) {
-            const std::uint64_t before = m_part.size();
-            const TransferResult result = connect(before);
-            if (result.end == TransferEnd::COMPLETE) return true;
-            error = result.error;
-            std::string ignored;
-            if (result.end == TransferEnd::REFUSED) start_anew(ignored);
-            const bool worth_it = result.end == TransferEnd::BROKEN && m_part.size() > before &&
-                                  connections < MAX_CONNECTIONS && seconds_left() > 0;
-            if (!worth_it) return false;
-            m_validator = read_validator(m_folder, IMAGE_NAME, m_index.sha256);
-            if (!is_strong(m_validator) && !start_anew(error)) return false;
+    /** Completes the part file. Starts over once if what was resumed turns out corrupt. */
+    Result<> run() {
+        auto prepared = prepare();
+        if (!prepared) {
+            return prepared;
         }
-        return true;
+        const bool is_resumed = part_.size() > 0;
+        auto fetched = fetch_rest();
+        auto reason = fetched ? mismatch(directory_, part_.name(), index_) : std::nullopt;
+        if (reason && is_resumed) {
+            log_line("update: the partial download is corrupt: " + *reason + "; starting over");
+            fetched = start_over();
+            fetched = fetched ? fetch_rest() : fetched;
+            reason = fetched ? mismatch(directory_, part_.name(), index_) : std::nullopt;
+        }
+        if (reason) {
+            start_over();
+            return failure(request_.url + ": image rejected: " + *reason);
+        }
+        return fetched;
     }
-
-    const std::string& url() const { return m_request.url; }
 
 private:
-    TransferResult connect(std::uint64_t offset) {
-        Progress progress(m_index.size, offset);
-        m_request.offset = offset;
-        m_request.validator = offset > 0 ? m_validator : "";
-        m_request.total_timeout = static_cast<int>(seconds_left());
-        m_request.at_progress = [&](std::uint64_t done) { progress.tell(done); };
-        return transfer(m_request);
+    /** Decides where to start. */
+    Result<> prepare() {
+        etag_ = read_etag(directory_, image_name, index_.sha256);
+        if (!is_strong_etag(etag_) || part_.size() > index_.size) {
+            auto started = start_over();
+            if (!started) {
+                return started;
+            }
+        }
+        if (part_.size() > 0) {
+            log_line("update: resuming after " + std::to_string(part_.size()) + " bytes");
+        }
+        return directory_.require_space(index_.size - part_.size());
     }
 
-    /** Runs in the transfer's process; without it a later download starts anew. */
-    void keep(const std::string& validator) const {
-        std::string error;
-        if (!keep_validator(m_folder, IMAGE_NAME, m_index.sha256, validator, error))
-            log_line("update: " + error);
+    /** Discards what has arrived. */
+    Result<> start_over() {
+        remove_etag(directory_, image_name);
+        etag_.clear();
+        return part_.clear();
+    }
+
+    /** Transfers the missing bytes, over as many connections as it takes. */
+    Result<> fetch_rest() {
+        for (int connections = 1; part_.size() < index_.size; ++connections) {
+            const std::uint64_t before = part_.size();
+            const auto response = connect(before);
+            if (response) {
+                return {};
+            }
+            if (response.error().fault == TransferFault::rejected) {
+                start_over();
+            }
+            const bool may_retry = response.error().fault == TransferFault::connection_lost &&
+                                   part_.size() > before && connections < max_connections &&
+                                   seconds_left() > 0;
+            if (!may_retry) {
+                return failure(response.error().message);
+            }
+            etag_ = read_etag(directory_, image_name, index_.sha256);
+            if (!is_strong_etag(etag_)) {
+                auto started = start_over();
+                if (!started) {
+                    return started;
+                }
+            }
+        }
+        return {};
+    }
+
+    TransferResult connect(std::uint64_t offset) {
+        Progress progress(index_.size, offset);
+        request_.offset = offset;
+        request_.etag = offset > 0 ? etag_ : "";
+        // libcurl takes 0 for no limit.
+        request_.total_timeout = static_cast<int>(std::max<gint64>(seconds_left(), 1));
+        request_.on_progress = [&](std::uint64_t done) { progress.report(done); };
+        return transfer(request_);
+    }
+
+    /** Runs in the transfer's process. On failure a later download starts over. */
+    void store(const std::string& etag) const {
+        const auto stored = store_etag(directory_, image_name, index_.sha256, etag);
+        if (!stored) {
+            log_line("update: " + stored.error().message);
+        }
     }
 
     gint64 seconds_left() const {
-        return (m_deadline - g_get_monotonic_time() + G_USEC_PER_SEC / 2) / G_USEC_PER_SEC;
+        return (deadline_ - g_get_monotonic_time() + G_USEC_PER_SEC / 2) / G_USEC_PER_SEC;
     }
 
-    const DataFolder& m_folder;
-    const UpdateIndex& m_index;
-    PartFile& m_part;
-    TransferRequest m_request;
-    std::string m_validator;
-    gint64 m_deadline;
+    const DataDirectory& directory_;
+    const UpdateIndex& index_;
+    PartFile& part_;
+    TransferRequest request_;
+    std::string etag_;
+    gint64 deadline_;
 };
-
-/** Runs a download up to a part file that is the index's. What was kept may be damaged. */
-bool complete(Download& download, const DataFolder& folder, const UpdateIndex& index,
-              PartFile& part, std::string& error) {
-    if (!download.prepare(error)) return false;
-    const bool resumed = part.size() > 0;
-    if (!download.run(error)) return false;
-    std::string wrong = difference(folder, part.name(), index);
-    if (!wrong.empty() && resumed) {
-        log_line("update: what was kept is not the image: " + wrong + ": starting anew");
-        if (!download.start_anew(error) || !download.run(error)) return false;
-        wrong = difference(folder, part.name(), index);
-    }
-    if (wrong.empty()) return true;
-    error = download.url() + ": refused: " + wrong;
-    std::string ignored;
-    download.start_anew(ignored);
-    return false;
-}
 
 }  // namespace
 
-bool is_downloaded(const DataFolder& folder, const UpdateIndex& index) {
-    return difference(folder, IMAGE_NAME, index).empty();
+bool is_downloaded(const DataDirectory& directory, const UpdateIndex& index) {
+    return !mismatch(directory, image_name, index);
 }
 
-bool download_image(const Settings& settings, const DataFolder& folder, const UpdateIndex& index,
-                    std::string& error) {
-    auto part = PartFile::resume(folder, IMAGE_NAME, error);
-    if (!part) return false;
-    Download download(settings, folder, index, *part);
-    if (complete(download, folder, index, *part, error)) {
-        remove_validator(folder, IMAGE_NAME);
-        return part->commit(error);
+Result<> download_image(const Settings& settings, const DataDirectory& directory,
+                        const UpdateIndex& index) {
+    auto part = PartFile::resume(directory, image_name);
+    if (!part) {
+        return Failure(part.error());
     }
-    if (part->size() == 0) remove_validator(folder, IMAGE_NAME);
-    if (part->size() > 0) part->keep();
-    return false;
+    auto downloaded = Download(settings, directory, index, *part).run();
+    if (downloaded) {
+        remove_etag(directory, image_name);
+        return part->commit();
+    }
+    if (part->size() > 0) {
+        part->keep();
+    }
+    return downloaded;
 }
 
-void remove_download(const DataFolder& folder) {
-    folder.remove(IMAGE_NAME);
-    PartFile::remove_leftover(folder, IMAGE_NAME);
-    remove_validator(folder, IMAGE_NAME);
+void remove_download(const DataDirectory& directory) {
+    directory.remove(image_name);
+    PartFile::remove(directory, image_name);
+    remove_etag(directory, image_name);
 }
 
 }  // namespace ad_agent

@@ -1,36 +1,31 @@
 /**
- * The download of an image, which goes on where an earlier one was cut.
+ * The download of an image, resumed where an earlier one was interrupted.
  */
-#ifndef AD_AGENT_IMAGE_DOWNLOAD_H
-#define AD_AGENT_IMAGE_DOWNLOAD_H
+#pragma once
 
-#include "data_folder.h"
+#include "data_directory.h"
+#include "result.h"
 #include "settings.h"
 #include "update_index.h"
 
-#include <string>
-
 namespace ad_agent {
 
-/** The downloaded image's name in the data folder. */
-inline constexpr char IMAGE_NAME[] = "zelADAgent.img";
+/** The downloaded image's name in the data directory. */
+inline constexpr char image_name[] = "zelADAgent.img";
 
-/** Whether the image that an index names is in the data folder. */
-bool is_downloaded(const DataFolder& folder, const UpdateIndex& index);
+/** Whether the index's image is in the data directory, whole and unaltered. */
+bool is_downloaded(const DataDirectory& directory, const UpdateIndex& index);
 
 /**
- * Downloads the image that an index names. Either it is there whole in the end,
- * checked by size and SHA-256, or what was there before and beside it, as a part
- * file, what has arrived so far. A connection that breaks is made anew at once for
- * as long as each brings some bytes and the "image" time-out lasts.
- * @return whether it is there, with the reason in error
+ * Downloads the index's image and verifies its size and SHA-256. On failure the image
+ * that was there before stays, and what has arrived stays beside it as a part file. A
+ * lost connection is re-established at once, as long as each one yields some bytes and
+ * the "image" time-out has not expired.
  */
-bool download_image(const Settings& settings, const DataFolder& folder, const UpdateIndex& index,
-                    std::string& error);
+Result<> download_image(const Settings& settings, const DataDirectory& directory,
+                        const UpdateIndex& index);
 
-/** Removes the downloaded image and what there is of one. */
-void remove_download(const DataFolder& folder);
+/** Removes the downloaded image and any part of one. */
+void remove_download(const DataDirectory& directory);
 
 }  // namespace ad_agent
-
-#endif

@@ -1,11 +1,12 @@
 #include "image_update.h"
 
+#include "cached_document.h"
 #include "device_state.h"
 #include "firmware.h"
 #include "image_download.h"
-#include "kept_document.h"
 #include "log.h"
 #include "manifest.h"
+#include "part_file.h"
 #include "settings.h"
 #include "stored_image.h"
 #include "update_index.h"
@@ -16,133 +17,156 @@
 namespace ad_agent {
 namespace {
 
-constexpr char INDEX_PATH[] = "/update.ini";
-constexpr char INDEX_NAME[] = "update.ini";
-constexpr std::uint64_t MAX_INDEX_SIZE = 64ULL * 1024;
+constexpr char index_path[] = "/update.ini";
+constexpr char index_name[] = "update.ini";
+constexpr std::uint64_t max_index_size = 64ULL * 1024;
 
-/** An installation that was cut so often is tried only after the server was asked. */
-constexpr int MAX_REPAIRS_BEFORE_SERVER = 3;
+/** After so many repairs in vain the server is asked first. */
+constexpr int max_repairs = 3;
 
 class Update {
 public:
-    Update(const Places& places, const DataFolder& folder, std::string stored_version)
-        : m_places(places),
-          m_folder(folder),
-          m_state(read_state(folder)),
-          m_firmware(ad_agent::firmware_version()),
-          m_stored(std::move(stored_version)),
-          m_recorded(read_cache_version(folder.path_of(CACHE_MANIFEST_NAME))),
-          m_builtin(read_firmware_copy_version(places.firmware_manifest)) {}
+    Update(const DevicePaths& paths, const DataDirectory& directory, std::string stored_version)
+        : paths_(paths),
+          directory_(directory),
+          state_(read_state(directory)),
+          firmware_(firmware_version()),
+          stored_(std::move(stored_version)),
+          recorded_(read_cache_version(directory.path_of(cache_manifest_name))),
+          builtin_(read_firmware_copy_version(paths.firmware_manifest)) {}
 
-    bool run(std::string& message) {
-        const bool cut = was_cut();
-        if (cut && m_state.repairs < MAX_REPAIRS_BEFORE_SERVER && offer_stored(message))
-            return true;
-        if (!message.empty()) log_line("update: " + message);
-        if (offer_newer(message)) return true;
-        if (!cut || m_state.repairs < MAX_REPAIRS_BEFORE_SERVER) return false;
-        log_line("update: " + message);
-        return offer_stored(message);
+    Result<std::string> run() {
+        const bool needs_repair = was_interrupted();
+        const bool repair_first = needs_repair && repairs() < max_repairs;
+        if (repair_first) {
+            auto offered = offer_stored();
+            if (offered) {
+                return offered;
+            }
+            log_line("update: " + offered.error().message);
+        }
+        auto offered = offer_newer();
+        if (offered || !needs_repair || repair_first) {
+            return offered;
+        }
+        log_line("update: " + offered.error().message);
+        return offer_stored();
     }
 
 private:
-    bool updatable_copy_is_there() const {
-        return access(m_places.updatable_library.c_str(), F_OK) == 0;
-    }
-
     /**
-     * Whether the stored image was put in place but its files were not installed to
-     * the end. A firmware that has changed since has thrown the installation away,
-     * and a copy that is not newer than the firmware's would be thrown away.
+     * Whether the stored image was put in place but not all of its files were installed.
+     * Not so if the firmware has changed since, which removes what was installed, or if
+     * the host would remove the copy for being no newer than the firmware's.
      */
-    bool was_cut() const {
-        const bool other_firmware =
-            m_state.offered_version == m_stored && m_state.offered_firmware != m_firmware;
-        return is_version(m_stored) && m_stored != m_recorded && is_newer(m_stored, m_builtin) &&
-               !other_firmware;
+    bool was_interrupted() const {
+        const bool is_other_firmware =
+            state_.offered_version == stored_ && state_.offered_firmware != firmware_;
+        return is_version(stored_) && stored_ != recorded_ && is_newer(stored_, builtin_) &&
+               !is_other_firmware;
     }
 
-    bool offer_stored(std::string& message) {
-        if (!copy_stored_image(m_places.stored_image, m_folder, m_state, message)) return false;
-        if (m_state.offered_version != m_stored) m_state.repairs = 0;
-        remember_offer(m_stored, m_state.repairs + 1);
-        message = "the installation of version " + m_stored +
-                  " was cut: the stored image is offered again";
-        return true;
-    }
+    /** How often the stored image was offered again. */
+    int repairs() const { return state_.offered_version == stored_ ? state_.repairs : 0; }
 
-    std::optional<UpdateIndex> fetch_index(const Settings& settings, std::string& error) const {
-        const auto problem_of = [](const std::string& text) {
-            std::string problem;
-            parse_update_index(text, problem);
-            return problem;
-        };
-        const auto document = fetch_document(
-            settings, m_folder, {INDEX_PATH, INDEX_NAME, MAX_INDEX_SIZE, problem_of}, error);
-        return document ? parse_update_index(document->text, error) : std::nullopt;
-    }
-
-    /** Gives why an image is not one for this device, empty when it is. */
-    std::string objection(const UpdateIndex& index) const {
-        const auto older_than = [&](const std::string& own) {
-            return "the server's version " + index.version + " is not newer than " + own;
-        };
-        if (!is_newer(index.version, m_stored)) return older_than(m_stored);
-        if (!is_newer(index.version, m_builtin)) return older_than(m_builtin + " of the firmware");
-        if (updatable_copy_is_there() && !is_newer(index.version, m_recorded))
-            return older_than(m_recorded);
-        if (m_state.is_bad(index.sha256))
-            return "version " + index.version + " is refused: its library failed to load here";
-        const std::string mismatch = firmware_mismatch(index, m_firmware);
-        return mismatch.empty() ? "" : "version " + index.version + " is refused: " + mismatch;
-    }
-
-    bool offer_newer(std::string& message) {
-        const auto settings = load_settings(m_places.configuration, message);
-        const auto index = settings ? fetch_index(*settings, message) : std::nullopt;
-        if (!index) return false;
-        message = objection(*index);
-        if (!message.empty()) {
-            remove_download(m_folder);
-            return false;
+    Result<std::string> offer_stored() {
+        const auto copied = copy_stored_image(paths_.stored_image, directory_, state_);
+        if (!copied) {
+            return Failure(copied.error());
         }
-        const std::string version = "version " + index->version;
-        // A pass that ended before the image was taken from here has left it.
-        const bool is_there = is_downloaded(m_folder, *index);
-        if (!is_there) {
-            log_line("update: downloading " + version + ", newer than " + m_stored);
-            if (!download_image(*settings, m_folder, *index, message)) return false;
+        record_offer(stored_, repairs() + 1);
+        return "installation of version " + stored_ +
+               " was interrupted; offering the stored image again";
+    }
+
+    Result<UpdateIndex> fetch_index(const Settings& settings) const {
+        const auto validate = [](const std::string& text) -> Result<> {
+            const auto index = parse_update_index(text);
+            return index ? Result<>() : Failure(index.error());
+        };
+        const auto document = fetch_document(settings, directory_,
+                                             {index_path, index_name, max_index_size, validate});
+        return document ? parse_update_index(document->text) : Failure(document.error());
+    }
+
+    /** Returns why an image is not for this device, or none if it is. */
+    std::optional<std::string> rejection_reason(const UpdateIndex& index) const {
+        const std::string image = "version " + index.version;
+        if (!is_newer(index.version, stored_)) {
+            return image + " is not newer than the stored version " + stored_;
         }
-        remember_offer(index->version, 0);
-        message =
-            version + (is_there ? " is already at " : " is at ") + m_folder.path_of(IMAGE_NAME);
-        return true;
+        if (!is_newer(index.version, builtin_)) {
+            return image + " is not newer than the firmware's version " + builtin_;
+        }
+        const bool has_copy = access(paths_.updatable_library.c_str(), F_OK) == 0;
+        if (has_copy && !is_newer(index.version, recorded_)) {
+            return image + " is not newer than the installed version " + recorded_;
+        }
+        if (state_.is_bad(index.sha256)) {
+            return "refusing " + image + ": its library failed to load on this device";
+        }
+        const auto mismatch = firmware_mismatch(index, firmware_);
+        if (mismatch) {
+            return "refusing " + image + ": " + *mismatch;
+        }
+        return std::nullopt;
     }
 
-    void remember_offer(const std::string& version, int repairs) {
-        m_state.offered_version = version;
-        m_state.offered_firmware = m_firmware;
-        m_state.repairs = repairs;
-        std::string error;
-        if (!write_state(m_folder, m_state, error)) log_line("update: " + error);
+    Result<std::string> offer_newer() {
+        const auto settings = load_settings(paths_.configuration);
+        if (!settings) {
+            return Failure(settings.error());
+        }
+        const auto index = fetch_index(*settings);
+        if (!index) {
+            return Failure(index.error());
+        }
+        const auto reason = rejection_reason(*index);
+        if (reason) {
+            remove_download(directory_);
+            return failure(*reason);
+        }
+        // Left by an earlier update, if the host did not take it.
+        const bool exists = is_downloaded(directory_, *index);
+        if (!exists) {
+            log_line("update: downloading version " + index->version + ", newer than " + stored_);
+            const auto downloaded = download_image(*settings, directory_, *index);
+            if (!downloaded) {
+                return Failure(downloaded.error());
+            }
+        }
+        record_offer(index->version, 0);
+        return "version " + index->version +
+               (exists ? " was already downloaded to " : " downloaded to ") +
+               directory_.path_of(image_name);
     }
 
-    const Places& m_places;
-    const DataFolder& m_folder;
-    DeviceState m_state;
-    std::string m_firmware;
+    void record_offer(const std::string& version, int repairs) {
+        state_.offered_version = version;
+        state_.offered_firmware = firmware_;
+        state_.repairs = repairs;
+        const auto written = write_state(directory_, state_);
+        if (!written) {
+            log_line("update: " + written.error().message);
+        }
+    }
+
+    const DevicePaths& paths_;
+    const DataDirectory& directory_;
+    DeviceState state_;
+    std::string firmware_;
     /** The versions of the stored image, of what was installed, and of the firmware's copy. */
-    std::string m_stored;
-    std::string m_recorded;
-    std::string m_builtin;
+    std::string stored_;
+    std::string recorded_;
+    std::string builtin_;
 };
 
 }  // namespace
 
-bool offer_image(const Places& places, const DataFolder& folder, const std::string& stored_version,
-                 std::string& message) {
-    folder.remove_parts(IMAGE_NAME);
-    return Update(places, folder, stored_version).run(message);
+Result<std::string> offer_image(const DevicePaths& paths, const DataDirectory& directory,
+                                const std::string& stored_version) {
+    PartFile::remove_all_except(directory, image_name);
+    return Update(paths, directory, stored_version).run();
 }
 
 }  // namespace ad_agent

@@ -7,10 +7,13 @@ namespace ad_agent {
 
 void log_line(const std::string& message) {
     std::string line = "ad-agent: " + message;
-    for (char& character : line)
-        if (g_ascii_iscntrl(character)) character = '?';
+    for (char& character : line) {
+        if (g_ascii_iscntrl(character)) {
+            character = '?';
+        }
+    }
     line += '\n';
-    // Nowhere is left to tell of a failure.
+    // There is nowhere to report a failure.
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
 }
 

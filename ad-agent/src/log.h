@@ -1,19 +1,16 @@
 /**
- * The library's lines on standard error.
+ * The library's log: lines on standard error.
  */
-#ifndef AD_AGENT_LOG_H
-#define AD_AGENT_LOG_H
+#pragma once
 
 #include <string>
 
 namespace ad_agent {
 
 /**
- * Writes "ad-agent: ", the message and a newline to standard error, in one
- * write(2). Control characters, which a server may have sent, become '?'.
+ * Writes "ad-agent: ", `message` and a newline with a single write(2). Control
+ * characters, which may come from a server, are replaced with '?'.
  */
 void log_line(const std::string& message);
 
 }  // namespace ad_agent
-
-#endif

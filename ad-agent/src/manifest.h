@@ -1,35 +1,32 @@
 /**
- * Manifests: small XML files that tell a version. The library's own is the cache
- * manifest, the version of the libraries that were installed last:
+ * Manifests: small XML files with a version. The library writes one, the cache
+ * manifest, with the version of the libraries that were installed last:
  *
  *     <Cache><SoVersion>1.05</SoVersion></Cache>
  *
- * The firmware's tells the version of the copy that came with it:
+ * The firmware's has the version of the copy that came with it:
  *
  *     <Zel><Version>1.00</Version></Zel>
  */
-#ifndef AD_AGENT_MANIFEST_H
-#define AD_AGENT_MANIFEST_H
+#pragma once
 
-#include "data_folder.h"
+#include "data_directory.h"
+#include "result.h"
 
 #include <string>
 
 namespace ad_agent {
 
-/** The cache manifest's name in the data folder. */
-inline constexpr char CACHE_MANIFEST_NAME[] = "zelADAgentCache.xml";
+/** The cache manifest's name in the data directory. */
+inline constexpr char cache_manifest_name[] = "zelADAgentCache.xml";
 
-/** Reads the version, NO_VERSION when the manifest is missing, torn or empty. */
+/** Reads the installed version; no_version if the manifest is missing, torn or empty. */
 std::string read_cache_version(const std::string& path);
 
-/** Reads the version of the firmware's copy, NO_VERSION when there is none. */
+/** Reads the version of the firmware's copy; no_version if there is none. */
 std::string read_firmware_copy_version(const std::string& path);
 
-/** Replaces the cache manifest. @return whether it did, with the reason in error */
-bool write_cache_version(const DataFolder& folder, const std::string& name,
-                         const std::string& version, std::string& error);
+/** Replaces the cache manifest. `version` is UTF-8 text. */
+Result<> write_cache_version(const DataDirectory& directory, const std::string& version);
 
 }  // namespace ad_agent
-
-#endif

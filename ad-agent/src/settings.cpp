@@ -1,6 +1,6 @@
 #include "settings.h"
 
-#include "glib_owned.h"
+#include "base/glib_owned.h"
 
 #include <array>
 #include <string_view>
@@ -8,13 +8,24 @@
 namespace ad_agent {
 namespace {
 
-constexpr int MAX_TIMEOUT = 86400;
-constexpr std::array<std::string_view, 3> SCHEMES = {"http://", "https://", "file:///"};
+constexpr int max_timeout = 86400;
+constexpr std::array<std::string_view, 3> schemes = {"http://", "https://", "file:///"};
 
-/** Checks a base URL and takes the slashes off its end; gives an empty text for a bad one. */
+struct Timeout {
+    const char* key;
+    int Settings::*seconds;
+};
+constexpr std::array<Timeout, 4> timeouts = {{{"connect", &Settings::connect_timeout},
+                                              {"stall", &Settings::stall_timeout},
+                                              {"document", &Settings::document_timeout},
+                                              {"image", &Settings::image_timeout}}};
+
+/** Returns a base URL without trailing slashes, or an empty string if it is not valid. */
 std::string base_url(const std::string& url) {
-    for (const std::string_view scheme : SCHEMES) {
-        if (url.compare(0, scheme.size(), scheme) != 0) continue;
+    for (const std::string_view scheme : schemes) {
+        if (url.compare(0, scheme.size(), scheme) != 0) {
+            continue;
+        }
         const std::size_t end = url.find_last_not_of('/');
         const bool has_more = end != std::string::npos && end >= scheme.size();
         const bool is_base = url.find_first_of("?# \t") == std::string::npos;
@@ -23,69 +34,78 @@ std::string base_url(const std::string& url) {
     return "";
 }
 
-/** Whether a reading failed because the file does not have the key. */
-bool is_absent(const GError* failure) {
-    return g_error_matches(failure, G_KEY_FILE_ERROR, G_KEY_FILE_ERROR_KEY_NOT_FOUND) ||
-           g_error_matches(failure, G_KEY_FILE_ERROR, G_KEY_FILE_ERROR_GROUP_NOT_FOUND);
+/** Whether a value could not be read because the file lacks it. */
+bool is_absent(const base::Owned<GError>& error) {
+    return g_error_matches(error.get(), G_KEY_FILE_ERROR, G_KEY_FILE_ERROR_KEY_NOT_FOUND) ||
+           g_error_matches(error.get(), G_KEY_FILE_ERROR, G_KEY_FILE_ERROR_GROUP_NOT_FOUND);
 }
 
-/** Reads a time-out into seconds, which keeps its default when the key is not there. */
-bool read_timeout(GKeyFile* file, const char* key, int& seconds, std::string& error) {
-    GError* failure = nullptr;
-    const int value = g_key_file_get_integer(file, "timeouts", key, &failure);
-    const OwnedError owned(failure);
-    if (is_absent(failure)) return true;
-    if (failure || value < 1 || value > MAX_TIMEOUT) {
-        error = std::string("[timeouts] ") + key + " must be whole seconds from 1 to " +
-                std::to_string(MAX_TIMEOUT);
-        return false;
+std::string read_text(GKeyFile* file, const char* key) {
+    const base::Owned<char> text(g_key_file_get_string(file, "server", key, nullptr));
+    return text ? text.get() : "";
+}
+
+Result<> read_timeout(GKeyFile* file, const Timeout& timeout, Settings& settings) {
+    GError* error = nullptr;
+    const int value = g_key_file_get_integer(file, "timeouts", timeout.key, &error);
+    const base::Owned<GError> owned(error);
+    if (is_absent(owned)) {
+        return {};
     }
-    seconds = value;
-    return true;
-}
-
-/** Reads how an https server is verified. */
-bool read_verification(GKeyFile* file, Settings& settings, std::string& error) {
-    GError* failure = nullptr;
-    const bool verify = g_key_file_get_boolean(file, "server", "verify", &failure) != FALSE;
-    const OwnedError owned(failure);
-    if (failure && !is_absent(failure)) {
-        error = "[server] verify must be true or false";
-        return false;
+    if (value < 1 || value > max_timeout) {  // 0 if it is no integer
+        return failure(std::string("[timeouts] ") + timeout.key + " must be an integer from 1 to " +
+                       std::to_string(max_timeout));
     }
-    if (!failure) settings.verify = verify;
-    const OwnedText authorities(g_key_file_get_string(file, "server", "authorities", nullptr));
-    if (authorities) settings.authorities = authorities.get();
-    return true;
+    settings.*timeout.seconds = value;
+    return {};
 }
 
-bool read_settings(GKeyFile* file, Settings& settings, std::string& error) {
-    const OwnedText url(g_key_file_get_string(file, "server", "url", nullptr));
-    settings.server_url = url ? base_url(url.get()) : "";
+Result<> read_verify(GKeyFile* file, Settings& settings) {
+    GError* error = nullptr;
+    const bool verify = g_key_file_get_boolean(file, "server", "verify", &error) != FALSE;
+    const base::Owned<GError> owned(error);
+    if (is_absent(owned)) {
+        return {};
+    }
+    if (error) {
+        return failure("[server] verify must be true or false");
+    }
+    settings.verify = verify;
+    return {};
+}
+
+Result<Settings> read_settings(GKeyFile* file) {
+    Settings settings;
+    settings.server_url = base_url(read_text(file, "url"));
     if (settings.server_url.empty()) {
-        error = "[server] url must be an http://, https:// or file:// URL";
-        return false;
+        return failure("[server] url must be an http://, https:// or file:/// URL");
     }
-    return read_verification(file, settings, error) &&
-           read_timeout(file, "connect", settings.connect_timeout, error) &&
-           read_timeout(file, "stall", settings.stall_timeout, error) &&
-           read_timeout(file, "document", settings.document_timeout, error) &&
-           read_timeout(file, "image", settings.image_timeout, error);
+    settings.authorities = read_text(file, "authorities");
+    const auto verify = read_verify(file, settings);
+    if (!verify) {
+        return Failure(verify.error());
+    }
+    for (const Timeout& timeout : timeouts) {
+        const auto read = read_timeout(file, timeout, settings);
+        if (!read) {
+            return Failure(read.error());
+        }
+    }
+    return settings;
 }
 
 }  // namespace
 
-std::optional<Settings> load_settings(const std::string& path, std::string& error) {
-    const OwnedKeyFile file(g_key_file_new());
-    GError* failure = nullptr;
-    if (!g_key_file_load_from_file(file.get(), path.c_str(), G_KEY_FILE_NONE, &failure)) {
-        error = "configuration " + path + ": " + OwnedError(failure)->message;
-        return std::nullopt;
+Result<Settings> load_settings(const std::string& path) {
+    const base::Owned<GKeyFile> file(g_key_file_new());
+    GError* error = nullptr;
+    if (!g_key_file_load_from_file(file.get(), path.c_str(), G_KEY_FILE_NONE, &error)) {
+        return failure("failed to read configuration " + path + ": " +
+                       base::Owned<GError>(error)->message);
     }
-    Settings settings;
-    if (!read_settings(file.get(), settings, error)) {
-        error.insert(0, "configuration " + path + ": ");
-        return std::nullopt;
+    auto settings = read_settings(file.get());
+    if (!settings) {
+        settings.error().message.insert(0, "invalid configuration " + path + ": ");
     }
     return settings;
 }

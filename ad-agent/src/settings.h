@@ -1,39 +1,34 @@
 /**
- * The configuration file: where the content server is and how long to wait for it.
+ * The configuration file: the content server and the time-outs.
  */
-#ifndef AD_AGENT_SETTINGS_H
-#define AD_AGENT_SETTINGS_H
+#pragma once
 
-#include <optional>
+#include "result.h"
+
 #include <string>
 
 namespace ad_agent {
 
 struct Settings {
-    /** The content server's base URL (http, https or file), without a slash at its end. */
+    /** The content server's base URL (http, https or file), without a trailing slash. */
     std::string server_url;
 
-    /** Whether the certificate of an https server must be good. */
+    /** Whether an https server must present a valid certificate. */
     bool verify = true;
-    /** A file of the authorities to believe (PEM) instead of the system's; empty for those. */
+    /** PEM file of the certificate authorities to trust; empty for those of the system. */
     std::string authorities;
 
-    /** Seconds until a connection must stand. */
+    /** Time-outs in seconds: until a connection is established, ... */
     int connect_timeout = 10;
-    /** Seconds without a byte after which a transfer is given up. */
+    /** ... without any data, ... */
     int stall_timeout = 20;
-    /** Seconds that a configuration document or the index may take in all. */
+    /** ... for a configuration document or the index as a whole, ... */
     int document_timeout = 30;
-    /** Seconds that an image may take in all. */
+    /** ... and for an image as a whole. */
     int image_timeout = 900;
 };
 
-/**
- * Reads a key file (GLib's GKeyFile).
- * @return the settings, or none with the reason, path included, in error
- */
-std::optional<Settings> load_settings(const std::string& path, std::string& error);
+/** Reads the key file `path` (GKeyFile). The error names the file and the key. */
+Result<Settings> load_settings(const std::string& path);
 
 }  // namespace ad_agent
-
-#endif

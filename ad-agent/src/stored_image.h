@@ -1,25 +1,22 @@
 /**
- * The image that was put in place last.
+ * The image that was installed last.
  */
-#ifndef AD_AGENT_STORED_IMAGE_H
-#define AD_AGENT_STORED_IMAGE_H
+#pragma once
 
-#include "data_folder.h"
+#include "data_directory.h"
 #include "device_state.h"
+#include "result.h"
 
 #include <string>
 
 namespace ad_agent {
 
 /**
- * Copies the stored image to where downloads are taken from. A copy, which shares
- * its blocks where the file system can, and no link: a rename over another name of
- * the same file does nothing.
- * @return whether it is there, with the reason in error; a bad image is refused
+ * Copies the stored image to where the host takes downloads from; fails if `state` says
+ * that it is bad. A copy, which shares its blocks where the file system can, since
+ * rename(2) does nothing when both names are links to the same file.
  */
-bool copy_stored_image(const std::string& path, const DataFolder& folder, const DeviceState& state,
-                       std::string& error);
+Result<> copy_stored_image(const std::string& path, const DataDirectory& directory,
+                           const DeviceState& state);
 
 }  // namespace ad_agent
-
-#endif

@@ -9,10 +9,11 @@
  *     min_firmware=T-1200.1
  *     max_firmware=T-1299.9
  *
- * The firmware versions may be left out.
+ * The firmware versions are optional.
  */
-#ifndef AD_AGENT_UPDATE_INDEX_H
-#define AD_AGENT_UPDATE_INDEX_H
+#pragma once
+
+#include "result.h"
 
 #include <cstdint>
 #include <optional>
@@ -20,30 +21,31 @@
 
 namespace ad_agent {
 
-/** An image larger than this is refused, whatever the index says. */
-inline constexpr std::uint64_t MAX_IMAGE_SIZE = 512ULL * 1024 * 1024;
+/** Larger images are rejected, whatever the index says. */
+inline constexpr std::uint64_t max_image_size = 512ULL * 1024 * 1024;
 
 struct UpdateIndex {
     std::string version;
+    /** In bytes. */
     std::uint64_t size = 0;
-    std::string sha256;  // in lower case
-    std::string file;    // a plain name below "images/"
+    /** In lower case. */
+    std::string sha256;
+    /** A plain name below "images/". */
+    std::string file;
     /** The first and the last firmware that the image is for; empty for any. */
     std::string min_firmware;
     std::string max_firmware;
 };
 
-/** Reads an index. @return none with the reason in error */
-std::optional<UpdateIndex> parse_update_index(const std::string& text, std::string& error);
+/** Parses and validates an index. */
+Result<UpdateIndex> parse_update_index(const std::string& text);
 
 /**
- * Holds a device's firmware version against an index. Versions are compared as
- * strverscmp(3) does, runs of digits as numbers: T-1200.9 is before T-1200.10.
- * @param firmware  empty when it is not known, which only suits an image for any
- * @return why the image is not for this firmware, or an empty text
+ * Compares a firmware version with those that the image is for, as strverscmp(3) does:
+ * T-1200.9 is before T-1200.10.
+ * @param firmware  empty if it is unknown, which only matches an image for any firmware
+ * @return why the image is not for this firmware, or none if it is
  */
-std::string firmware_mismatch(const UpdateIndex& index, const std::string& firmware);
+std::optional<std::string> firmware_mismatch(const UpdateIndex& index, const std::string& firmware);
 
 }  // namespace ad_agent
-
-#endif

@@ -5,10 +5,8 @@
 namespace ad_agent {
 namespace {
 
-constexpr char DIGITS[] = "0123456789";
-
 bool is_number(const std::string& text) {
-    return !text.empty() && text.find_first_not_of(DIGITS) == std::string::npos;
+    return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
 }
 
 float to_number(const std::string& version) {
@@ -18,9 +16,13 @@ float to_number(const std::string& version) {
 }  // namespace
 
 bool is_version(const std::string& text) {
-    if (text.size() > MAX_VERSION_LENGTH) return false;
+    if (text.size() > max_version_length) {
+        return false;
+    }
     const std::size_t point = text.find('.');
-    if (point == std::string::npos) return is_number(text);
+    if (point == std::string::npos) {
+        return is_number(text);
+    }
     return is_number(text.substr(0, point)) && is_number(text.substr(point + 1));
 }
 

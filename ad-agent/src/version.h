@@ -1,29 +1,25 @@
 /**
- * Versions: decimal fractions such as 1.05, which travel as text.
+ * Versions: decimal fractions such as 1.05, passed on as text.
  */
-#ifndef AD_AGENT_VERSION_H
-#define AD_AGENT_VERSION_H
+#pragma once
 
 #include <string>
 
 namespace ad_agent {
 
-/** Stands for a version that is not there. */
-inline constexpr char NO_VERSION[] = "0.00";
+/** Stands for a version that is not known. */
+inline constexpr char no_version[] = "0.00";
 
-/** The longest version text that all who pass it on have room for. */
-inline constexpr std::size_t MAX_VERSION_LENGTH = 19;
+/** The longest version that every interface has room for, in characters. */
+inline constexpr std::size_t max_version_length = 19;
 
-/** Whether a text is digits, or digits, a point and digits, and not too long. */
+/** Whether `text` is digits, or digits, a point and digits, and not too long. */
 bool is_version(const std::string& text);
 
 /**
- * Whether a version is a greater number than another one. The daemon compares
- * strtod(3) narrowed to float, in which 2.10 is less than 2.9 and a text without
- * a number is 0; so does this.
+ * Whether `version` is a greater number than `other`. Compares as the daemon does,
+ * strtod(3) narrowed to float: 2.10 is less than 2.9, and text without a number is 0.
  */
 bool is_newer(const std::string& version, const std::string& other);
 
 }  // namespace ad_agent
-
-#endif

@@ -1,0 +1,22 @@
+/**
+ * Where things are on the device.
+ */
+#pragma once
+
+#include <string>
+
+namespace ad_agent {
+
+struct DevicePaths {
+    std::string configuration;
+    std::string data_directory;
+    /** The image that was installed last. */
+    std::string stored_image;
+    /** The copy of this library that updates install, and that of the firmware. */
+    std::string updatable_library;
+    std::string firmware_library;
+    /** The manifest with the version of the firmware's copy. */
+    std::string firmware_manifest;
+};
+
+}  // namespace ad_agent
