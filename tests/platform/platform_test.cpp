@@ -1,5 +1,6 @@
 #include "platform.h"
 
+#include "base/unique_fd.h"
 #include "files.h"
 #include "platform_log.h"
 #include "system_information.h"
@@ -228,7 +229,7 @@ TEST_F(PlatformTest, AnEditOutlivesAnOverflowOfTheEventQueue) {
     // Equal events in a row count once: two names in turn.
     for (int count = 0; count <= limit / 2; ++count) {
         for (const char* name : {"one", "two"})
-            Descriptor(open(folder_.file(name).c_str(), O_WRONLY | O_CREAT, 0600));
+            base::UniqueFd(open(folder_.file(name).c_str(), O_WRONLY | O_CREAT, 0600));
     }
     edit(device(1));
     EXPECT_EQ(consent(), 1);

@@ -59,7 +59,7 @@ TEST(ParseState, ReadsEveryGroup) {
 TEST(ParseState, RefusesWhatItCannotTakeAndSaysWhy) {
     for (const auto& [text, expected] :
          Cases{{"", "no group"},
-               {"[network]\ntype=wifi\nethernet=2", "no end"},
+               {"[network]\ntype=wifi\nethernet=2", "not terminated"},
                {"type=wifi\n", "group"},
                {"[network]\ntype=wlan\n", "[network] type: \"wlan\""},
                {"[network]\nwifi=on\n", "[network] wifi: \"on\""},
