@@ -1,6 +1,6 @@
 #pragma once
 
-#include <type_traits>
+#include <cstring>
 
 namespace platform_probe {
 
@@ -8,22 +8,24 @@ namespace platform_probe {
 template <typename Type>
 class OutParam {
 public:
+    OutParam() { memset(&value_, initial_byte, sizeof value_); }
+
     /** The address for the call to write to. */
     Type* get() { return &value_; }
+    /** What a call that succeeded has written. */
     const Type& value() const { return value_; }
-    bool is_unchanged() const { return value_ == initial(); }
 
-private:
-    static Type initial() {
-        static char unique;
-        if constexpr (std::is_pointer_v<Type>) {
-            return reinterpret_cast<Type>(&unique);
-        } else {
-            return static_cast<Type>(-77);
-        }
+    bool is_unchanged() const {
+        // By bytes: the initial value may be none of the type's.
+        unsigned char initial[sizeof value_];
+        memset(initial, initial_byte, sizeof initial);
+        return memcmp(&value_, initial, sizeof initial) == 0;
     }
 
-    Type value_ = initial();
+private:
+    static constexpr int initial_byte = 0xa5;
+
+    Type value_;
 };
 
 }  // namespace platform_probe
