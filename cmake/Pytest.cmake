@@ -10,6 +10,7 @@ function(add_pytest name file)
   cmake_parse_arguments(PARSE_ARGV 2 arg "" "" RUNNER)
   add_test(NAME ${name}
            COMMAND ${arg_RUNNER} /usr/bin/python3 -m pytest --quiet -rs -p no:cacheprovider
+                   --confcutdir=${PROJECT_SOURCE_DIR}
                    ${arg_UNPARSED_ARGUMENTS}
                    ${CMAKE_CURRENT_SOURCE_DIR}/${file})
   set_tests_properties(${name} PROPERTIES ENVIRONMENT
