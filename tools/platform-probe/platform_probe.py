@@ -14,7 +14,6 @@ class Process:
     """A child process whose output is read line by line. Killed at the end of the context."""
 
     def __init__(self, *command, **options):
-        # pylint: disable-next=consider-using-with
         self.child = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                       stderr=subprocess.STDOUT, text=True, bufsize=1, **options)
         self.transcript = []
@@ -73,7 +72,7 @@ class Probe(Process):
         deadline = time.monotonic() + TIMEOUT
         while not lines:
             moment, mark, text = (self.next_line(deadline) + "  ").split(" ", 2)
-            if mark in "=*":
+            if mark in ("=", "*"):
                 (self._results if mark == "=" else self._changes).append(
                     (int(moment), text.rstrip()))
         return lines.popleft()
