@@ -88,7 +88,7 @@ std::optional<Profile> parse_profile(GVariant* settings);
 
 /**
  * Sorts profiles into an order that depends neither on what is connected nor on
- * NetworkManager's restarts: native types before mapped ones, then by falling
+ * NetworkManager's restarts: native types before mapped ones, then by descending
  * autoconnect priority, then by name and UUID.
  */
 void sort_profiles(std::vector<Profile>& profiles);
