@@ -1,13 +1,17 @@
 # Registers a Python test file with ctest, as one test of that name.
 #
-#   add_pytest(NAME FILE [PYTEST OPTION...])
+#   add_pytest(NAME FILE [PYTEST OPTION...] [RUNNER COMMAND...])
 #
+# RUNNER is a command that runs pytest, such as one that enters namespaces first.
 # The file finds the build tree as BUILD_DIR, the source tree as SOURCE_DIR (both in
 # the environment), and can import the modules of tests/support. Debian's Python by
 # its full path, since its packages of modules are for that one alone.
 function(add_pytest name file)
+  cmake_parse_arguments(PARSE_ARGV 2 arg "" "" RUNNER)
   add_test(NAME ${name}
-           COMMAND /usr/bin/python3 -m pytest --quiet -rs -p no:cacheprovider ${ARGN}
+           COMMAND ${arg_RUNNER} /usr/bin/python3 -m pytest --quiet -rs -p no:cacheprovider
+                   --confcutdir=${PROJECT_SOURCE_DIR}
+                   ${arg_UNPARSED_ARGUMENTS}
                    ${CMAKE_CURRENT_SOURCE_DIR}/${file})
   set_tests_properties(${name} PROPERTIES ENVIRONMENT
     "BUILD_DIR=${CMAKE_BINARY_DIR};SOURCE_DIR=${PROJECT_SOURCE_DIR};PYTHONPATH=${PROJECT_SOURCE_DIR}/tests/support;PYTHONDONTWRITEBYTECODE=1")

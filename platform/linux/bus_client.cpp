@@ -2,20 +2,12 @@
 
 #include "log.h"
 
-#include <algorithm>
 #include <csignal>
 #include <utility>
 
 namespace linux_platform {
 
-namespace {
-
-constexpr unsigned FIRST_RETRY_MS = 50;
-constexpr unsigned LAST_RETRY_MS = 3000;
-
-}  // namespace
-
-BusClient::BusClient(std::string thread_name, Address address, Handlers handlers)
+BusClient::BusClient(std::string thread_name, AddressLookup address, Handlers handlers)
     : thread_name_(std::move(thread_name)),
       address_(std::move(address)),
       handlers_(std::move(handlers)),
@@ -27,6 +19,8 @@ void BusClient::start() {
 }
 
 void BusClient::start_thread() {
+    // Blocked around the start rather than inside the thread, which inherits the mask: no signal
+    // can arrive there in between.
     sigset_t all;
     sigset_t before;
     sigfillset(&all);
@@ -38,21 +32,20 @@ void BusClient::start_thread() {
 void* BusClient::run(void* self) {
     auto* client = static_cast<BusClient*>(self);
     g_main_context_push_thread_default(client->context_.get());
-    unsigned retry_ms = FIRST_RETRY_MS;
+    RetryDelay delay;
     for (;;) {
         if (client->connect()) {
-            retry_ms = FIRST_RETRY_MS;
+            delay.reset();
             client->serve_until_closed();
         }
         client->handlers_.disconnected();
-        client->wait(retry_ms);
-        retry_ms = std::min(retry_ms * 2, LAST_RETRY_MS);
+        client->wait(delay.next_ms());
     }
 }
 
 bool BusClient::connect() {
     GError* failure = nullptr;
-    const TextPointer address = address_(&failure);
+    const base::Owned<char> address = address_(&failure);
     if (address) {
         connection_.reset(g_dbus_connection_new_for_address_sync(
             address.get(),
@@ -60,15 +53,15 @@ bool BusClient::connect() {
                                               G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
             nullptr, nullptr, &failure));
     }
-    const ErrorPointer error(failure);
+    const base::Owned<GError> error(failure);
     if (connection_) {
         last_failure_.clear();
         return true;
     }
-    // Once for each reason, not at every try.
+    // Once for each reason, not at every attempt.
     if (last_failure_ != error->message) {
         last_failure_ = error->message;
-        log_error("%s: no bus at %s: %s; trying on", thread_name_.c_str(),
+        LOG_ERROR("%s: failed to connect to the bus at %s: %s; will retry", thread_name_.c_str(),
                   address ? address.get() : "an unknown address", error->message);
     }
     return false;
@@ -79,7 +72,9 @@ void BusClient::serve_until_closed() {
     const gulong closed =
         g_signal_connect(connection_.get(), "closed", G_CALLBACK(&BusClient::on_closed), this);
     handlers_.connected();
-    if (!g_dbus_connection_is_closed(connection_.get())) g_main_loop_run(loop_.get());
+    if (g_dbus_connection_is_closed(connection_.get()) == FALSE) {
+        g_main_loop_run(loop_.get());
+    }
 
     g_signal_handler_disconnect(connection_.get(), closed);
     for (const unsigned subscription : subscriptions_) {
@@ -103,18 +98,17 @@ void BusClient::subscribe(const char* sender, const char* interface, const char*
 }
 
 void BusClient::complete_subscriptions() {
-    // The bus answers a connection in order, so an answer to anything will do. A
-    // failure is the connection's end, and noticed as such.
-    const VariantPointer answer(g_dbus_connection_call_sync(
+    // The bus processes a connection's messages in order, so the reply to any later call will do.
+    // A failure means that the connection is lost, which is noticed as such.
+    const base::Owned<GVariant> reply(g_dbus_connection_call_sync(
         connection_.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
         "GetId", nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, G_MAXINT, nullptr, nullptr));
 }
 
 void BusClient::call_after(unsigned milliseconds, GSourceFunc function, void* user_data) {
-    GSource* source = g_timeout_source_new(milliseconds);
-    g_source_set_callback(source, function, user_data, nullptr);
-    g_source_attach(source, context_.get());
-    g_source_unref(source);
+    const base::Owned<GSource> source(g_timeout_source_new(milliseconds));
+    g_source_set_callback(source.get(), function, user_data, nullptr);
+    g_source_attach(source.get(), context_.get());
 }
 
 void BusClient::wait(unsigned milliseconds) {

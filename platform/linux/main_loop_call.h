@@ -5,16 +5,16 @@
 namespace linux_platform {
 
 /**
- * A function that other threads have called on the thread of GLib's default
- * main context. Lives as long as the process.
+ * Lets other threads have a function called on the thread of GLib's default main
+ * context. Lives as long as the process.
  */
 class MainLoopCall {
 public:
     explicit MainLoopCall(void (*function)()) : function_(function) {}
 
     /**
-     * Has the function called once the main loop gets to it. Requests that come
-     * before it does are answered by that one call. From any thread.
+     * Has the function called once the main loop gets to it. All requests that
+     * arrive before then are met by that one call. From any thread.
      */
     void request();
 

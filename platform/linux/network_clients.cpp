@@ -13,15 +13,23 @@ uint64_t profile_change(const NetworkSnapshot& snapshot, const std::string& uuid
     return change == snapshot.profile_changes.end() ? 0 : change->second;
 }
 
+ProfileState profile_state(const NetworkSnapshot& snapshot, const std::string& uuid) {
+    const auto state = snapshot.state.profile_states.find(uuid);
+    return state == snapshot.state.profile_states.end() ? ProfileState::disconnected
+                                                        : state->second;
+}
+
 template <typename Map>
 std::vector<typename Map::key_type> keys(const Map& map) {
     std::vector<typename Map::key_type> all;
     all.reserve(map.size());
-    for (const auto& entry : map) all.push_back(entry.first);
+    for (const auto& entry : map) {
+        all.push_back(entry.first);
+    }
     return all;
 }
 
-/** What is behind a handle, or null. */
+/** The entry of a handle, or null. */
 template <typename Map>
 typename Map::mapped_type* find(Map& map, void* handle) {
     const auto found = map.find(handle);
@@ -44,7 +52,7 @@ connection_h NetworkClients::create() {
 }
 
 void* NetworkClients::new_handle() {
-    // Apart as if they were pointers, for a program that prints them.
+    // Spaced like pointers, for programs that print them.
     last_handle_ += sizeof(max_align_t);
     return reinterpret_cast<void*>(last_handle_);
 }
@@ -64,10 +72,10 @@ bool NetworkClients::set_type_callback(connection_h handle, connection_type_chan
     const NetworkMonitor::Snapshot snapshot = NetworkMonitor::instance().snapshot();
     const std::lock_guard<std::mutex> lock(mutex_);
     Client* client = find(clients_, handle);
-    if (!client) return false;
-    client->callback = callback;
-    client->user_data = user_data;
-    client->reported = snapshot ? snapshot->type_change : 0;
+    if (client == nullptr) {
+        return false;
+    }
+    *client = {callback, user_data, snapshot ? snapshot->type_change : 0};
     return true;
 }
 
@@ -87,7 +95,9 @@ connection_profile_iterator_h NetworkClients::create_iterator(
 
 connection_profile_h NetworkClients::profile_handle(const std::string& uuid) {
     for (const auto& [handle, profile] : profiles_) {
-        if (profile.uuid == uuid) return handle;
+        if (profile.uuid == uuid) {
+            return handle;
+        }
     }
     connection_profile_h handle = new_handle();
     profiles_[handle].uuid = uuid;
@@ -97,19 +107,25 @@ connection_profile_h NetworkClients::profile_handle(const std::string& uuid) {
 connection_profile_h NetworkClients::peek(connection_profile_iterator_h handle) {
     const std::lock_guard<std::mutex> lock(mutex_);
     const Iterator* iterator = find(iterators_, handle);
-    if (!iterator || iterator->next >= iterator->profiles.size()) return nullptr;
+    if (iterator == nullptr || iterator->next >= iterator->profiles.size()) {
+        return nullptr;
+    }
     return iterator->profiles[iterator->next];
 }
 
 void NetworkClients::advance(connection_profile_iterator_h handle) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (Iterator* iterator = find(iterators_, handle)) ++iterator->next;
+    if (Iterator* iterator = find(iterators_, handle)) {
+        ++iterator->next;
+    }
 }
 
 bool NetworkClients::profile_type(connection_profile_h handle, connection_profile_type_e* type) {
     const std::lock_guard<std::mutex> lock(mutex_);
     const KnownProfile* profile = find(profiles_, handle);
-    if (!profile) return false;
+    if (profile == nullptr) {
+        return false;
+    }
     *type = profile->type;
     return true;
 }
@@ -120,7 +136,9 @@ bool NetworkClients::set_profile_callback(connection_profile_h handle,
     const NetworkMonitor::Snapshot snapshot = NetworkMonitor::instance().snapshot();
     const std::lock_guard<std::mutex> lock(mutex_);
     KnownProfile* profile = find(profiles_, handle);
-    if (!profile) return false;
+    if (profile == nullptr) {
+        return false;
+    }
     profile->callback = callback;
     profile->user_data = user_data;
     profile->reported = snapshot ? profile_change(*snapshot, profile->uuid) : 0;
@@ -138,17 +156,24 @@ void NetworkClients::report() {
         clients = keys(clients_);
         profiles = keys(profiles_);
     }
-    for (connection_h client : clients) report_type(client, *snapshot);
-    for (connection_profile_h profile : profiles) report_profile(profile, *snapshot);
+    for (connection_h client : clients) {
+        report_type(client, *snapshot);
+    }
+    for (connection_profile_h profile : profiles) {
+        report_profile(profile, *snapshot);
+    }
 }
 
 void NetworkClients::report_type(connection_h handle, const NetworkSnapshot& snapshot) {
     Client due;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        // Released by a callback before this one, perhaps.
+        // An earlier callback of this report may have released it.
         Client* client = find(clients_, handle);
-        if (!client || !client->callback || client->reported >= snapshot.type_change) return;
+        if (client == nullptr || client->callback == nullptr ||
+            client->reported >= snapshot.type_change) {
+            return;
+        }
         client->reported = snapshot.type_change;
         due = *client;
     }
@@ -160,17 +185,18 @@ void NetworkClients::report_profile(connection_profile_h handle, const NetworkSn
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         KnownProfile* profile = find(profiles_, handle);
-        if (!profile || !profile->callback) return;
+        if (profile == nullptr || profile->callback == nullptr) {
+            return;
+        }
         const uint64_t change = profile_change(snapshot, profile->uuid);
-        if (profile->reported == change) return;
+        if (profile->reported == change) {
+            return;
+        }
         profile->reported = change;
         due = *profile;
     }
-    const auto state = snapshot.state.profile_states.find(due.uuid);
-    due.callback(
-        static_cast<connection_profile_state_e>(
-            state == snapshot.state.profile_states.end() ? PROFILE_DISCONNECTED : state->second),
-        due.user_data);
+    due.callback(static_cast<connection_profile_state_e>(profile_state(snapshot, due.uuid)),
+                 due.user_data);
 }
 
 }  // namespace linux_platform

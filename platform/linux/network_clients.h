@@ -13,17 +13,18 @@
 namespace linux_platform {
 
 /**
- * The handles that the platform has given out, with their callbacks.
+ * The handles of clients, iterators and profiles, with their callbacks.
  *
- * Handles are numbers that are never given out twice, so one that is released
- * or from elsewhere is found out and refused. Functions are for any thread;
- * callbacks run on the main loop's thread, with nothing locked.
+ * Handles are numbers that are never reused, so that a released or foreign one
+ * is recognised and refused. Functions may be called from any thread; callbacks
+ * run on the main loop's thread, with no lock held.
  */
 class NetworkClients {
 public:
     /** The process's one registry; it lives as long as the process. */
     static NetworkClients& instance();
 
+    /** Makes a client; the first one starts the monitor. */
     connection_h create();
     /** Releases a client or an iterator; false for any other handle. */
     bool destroy(void* handle);
@@ -33,7 +34,7 @@ public:
                            void* user_data);
 
     connection_profile_iterator_h create_iterator(const std::vector<Profile>& profiles);
-    /** The next profile, null at the end; which is also the answer for a wrong handle. */
+    /** The next profile; null at the end, and for a wrong handle. */
     connection_profile_h peek(connection_profile_iterator_h iterator);
     void advance(connection_profile_iterator_h iterator);
 
@@ -46,6 +47,7 @@ private:
     struct Client {
         connection_type_changed_cb callback = nullptr;
         void* user_data = nullptr;
+        /** The number of the last change that the callback knows of. */
         uint64_t reported = 0;
     };
 
@@ -54,7 +56,7 @@ private:
         size_t next = 0;
     };
 
-    /** A profile by its UUID, which stays when NetworkManager restarts. */
+    /** A profile by its UUID, which survives NetworkManager's restarts. */
     struct KnownProfile {
         std::string uuid;
         connection_profile_type_e type = CONNECTION_PROFILE_TYPE_ETHERNET;

@@ -1,8 +1,8 @@
 /**
  * The network-connection service on NetworkManager. Failures are negative
  * errno(3) values: EINVAL for a wrong handle or argument, ENOTCONN while
- * NetworkManager or its bus is missing, ETIMEDOUT while it has not answered yet,
- * ENODATA at the end of a walk.
+ * NetworkManager or its bus is missing, ETIMEDOUT before its first reply,
+ * ENODATA at the end of an iteration.
  */
 #include "network_connection.h"
 
@@ -17,20 +17,27 @@ namespace {
 
 NetworkClients& clients() { return NetworkClients::instance(); }
 
-/** The newest snapshot for a client; 0, or why there is none. */
-int snapshot_for(connection_h connection, NetworkMonitor::Snapshot* snapshot) {
-    if (!clients().is_client(connection)) return -EINVAL;
-    *snapshot = NetworkMonitor::instance().snapshot();
-    if (!*snapshot) return -ETIMEDOUT;
-    return (*snapshot)->available ? 0 : -ENOTCONN;
+/** Gets the newest snapshot for a client. Returns 0, or the error code for its absence. */
+int snapshot_for(connection_h connection, NetworkMonitor::Snapshot& snapshot) {
+    if (!clients().is_client(connection)) {
+        return -EINVAL;
+    }
+    snapshot = NetworkMonitor::instance().snapshot();
+    if (!snapshot) {
+        return -ETIMEDOUT;
+    }
+    return snapshot->available ? 0 : -ENOTCONN;
 }
 
 template <typename State>
 int device_state(connection_h connection, connection_type_e type, State* state) {
-    if (!state) return -EINVAL;
+    if (state == nullptr) {
+        return -EINVAL;
+    }
     NetworkMonitor::Snapshot snapshot;
-    const int failure = snapshot_for(connection, &snapshot);
-    if (failure) return failure;
+    if (const int failure = snapshot_for(connection, snapshot)) {
+        return failure;
+    }
     *state = static_cast<State>(snapshot->state.device_states.at(type));
     return 0;
 }
@@ -45,7 +52,9 @@ using linux_platform::NetworkMonitor;
 using linux_platform::snapshot_for;
 
 extern "C" int connection_create(connection_h* connection) {
-    if (!connection) return -EINVAL;
+    if (connection == nullptr) {
+        return -EINVAL;
+    }
     *connection = clients().create();
     return 0;
 }
@@ -55,10 +64,13 @@ extern "C" int connection_destroy(connection_h connection) {
 }
 
 extern "C" int connection_get_type(connection_h connection, connection_type_e* type) {
-    if (!type) return -EINVAL;
+    if (type == nullptr) {
+        return -EINVAL;
+    }
     NetworkMonitor::Snapshot snapshot;
-    const int failure = snapshot_for(connection, &snapshot);
-    if (failure) return failure;
+    if (const int failure = snapshot_for(connection, snapshot)) {
+        return failure;
+    }
     *type = snapshot->state.type;
     return 0;
 }
@@ -84,17 +96,22 @@ extern "C" int connection_get_bt_state(connection_h connection, connection_bt_st
 extern "C" int connection_set_type_changed_cb(connection_h connection,
                                               connection_type_changed_cb callback,
                                               void* user_data) {
-    if (!callback) return -EINVAL;
+    if (callback == nullptr) {
+        return -EINVAL;
+    }
     return clients().set_type_callback(connection, callback, user_data) ? 0 : -EINVAL;
 }
 
 extern "C" int connection_get_profile_iterator(connection_h connection,
                                                connection_iterator_type_e type,
                                                connection_profile_iterator_h* iterator) {
-    if (!iterator || type != CONNECTION_ITERATOR_TYPE_REGISTERED) return -EINVAL;
+    if (iterator == nullptr || type != CONNECTION_ITERATOR_TYPE_REGISTERED) {
+        return -EINVAL;
+    }
     NetworkMonitor::Snapshot snapshot;
-    const int failure = snapshot_for(connection, &snapshot);
-    if (failure) return failure;
+    if (const int failure = snapshot_for(connection, snapshot)) {
+        return failure;
+    }
     *iterator = clients().create_iterator(snapshot->profiles);
     return 0;
 }
@@ -105,9 +122,13 @@ extern "C" bool connection_profile_iterator_has_next(connection_profile_iterator
 
 extern "C" int connection_profile_iterator_next(connection_profile_iterator_h iterator,
                                                 connection_profile_h* profile) {
-    if (!profile) return -EINVAL;
+    if (profile == nullptr) {
+        return -EINVAL;
+    }
     connection_profile_h next = clients().peek(iterator);
-    if (!next) return -ENODATA;
+    if (next == nullptr) {
+        return -ENODATA;
+    }
     clients().advance(iterator);
     *profile = next;
     return 0;
@@ -115,14 +136,18 @@ extern "C" int connection_profile_iterator_next(connection_profile_iterator_h it
 
 extern "C" int connection_profile_get_type(connection_profile_h profile,
                                            connection_profile_type_e* type) {
-    if (!type) return -EINVAL;
+    if (type == nullptr) {
+        return -EINVAL;
+    }
     return clients().profile_type(profile, type) ? 0 : -EINVAL;
 }
 
 extern "C" int connection_profile_set_state_changed_cb(connection_profile_h profile,
                                                        connection_profile_state_changed_cb callback,
                                                        void* user_data) {
-    if (!callback) return -EINVAL;
+    if (callback == nullptr) {
+        return -EINVAL;
+    }
     return clients().set_profile_callback(profile, callback, user_data) ? 0 : -EINVAL;
 }
 

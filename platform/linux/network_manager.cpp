@@ -7,92 +7,99 @@ namespace linux_platform {
 
 namespace {
 
-unsigned number_of(GVariant* properties, const char* name) {
+unsigned uint_property(GVariant* properties, const char* name) {
     guint32 number = 0;
     g_variant_lookup(properties, name, "u", &number);
     return number;
 }
 
-std::string text_of(GVariant* properties, const char* name, const char* type) {
+/** @param format  "&s", or "&o" for an object path */
+std::string text_property(GVariant* properties, const char* name, const char* format) {
     const char* text = "";
-    g_variant_lookup(properties, name, type, &text);
+    g_variant_lookup(properties, name, format, &text);
     return text;
 }
 
-std::vector<std::string> paths_in(GVariant* array) {
+/** The elements of an array of object paths; none when it is null. */
+std::vector<std::string> object_paths(GVariant* array) {
     std::vector<std::string> paths;
-    if (!array) return paths;
+    if (array == nullptr) {
+        return paths;
+    }
     GVariantIter iterator;
     g_variant_iter_init(&iterator, array);
     const char* path = nullptr;
-    while (g_variant_iter_next(&iterator, "&o", &path)) paths.emplace_back(path);
+    while (g_variant_iter_next(&iterator, "&o", &path) != FALSE) {
+        paths.emplace_back(path);
+    }
     return paths;
 }
 
-std::vector<std::string> paths_of(GVariant* properties, const char* name) {
-    return paths_in(
-        VariantPointer(g_variant_lookup_value(properties, name, G_VARIANT_TYPE_OBJECT_PATH_ARRAY))
-            .get());
+std::vector<std::string> paths_property(GVariant* properties, const char* name) {
+    const base::Owned<GVariant> array(
+        g_variant_lookup_value(properties, name, G_VARIANT_TYPE_OBJECT_PATH_ARRAY));
+    return object_paths(array.get());
 }
 
 }  // namespace
 
-bool NetworkManager::read_objects(NetworkObjects* objects, ErrorPointer* error) const {
-    *objects = {};
-    const VariantPointer manager = get_all(MANAGER_PATH, MANAGER, error);
-    if (!manager) return false;
-    objects->primary = text_of(manager.get(), "PrimaryConnection", "&o");
-    for (const std::string& path : paths_of(manager.get(), "ActiveConnections")) {
-        ErrorPointer gone;
-        const VariantPointer properties = get_all(path.c_str(), ACTIVE, &gone);
-        if (!properties) continue;
-        objects->active.push_back(
-            {path, text_of(properties.get(), "Type", "&s"), text_of(properties.get(), "Uuid", "&s"),
-             number_of(properties.get(), "State"), paths_of(properties.get(), "Devices")});
+std::optional<NetworkObjects> NetworkManager::read_objects(GError** error) const {
+    const base::Owned<GVariant> root = get_all(manager_path, manager, error);
+    if (!root) {
+        return std::nullopt;
     }
-    for (const std::string& path : paths_of(manager.get(), "Devices")) {
-        ErrorPointer gone;
-        const VariantPointer properties = get_all(path.c_str(), DEVICE, &gone);
-        if (!properties) continue;
-        objects->devices[path] = {number_of(properties.get(), "DeviceType"),
-                                  number_of(properties.get(), "State")};
+    NetworkObjects objects;
+    objects.primary = text_property(root.get(), "PrimaryConnection", "&o");
+    for (const std::string& path : paths_property(root.get(), "ActiveConnections")) {
+        const base::Owned<GVariant> found = get_all(path.c_str(), active, nullptr);
+        if (found) {
+            objects.active.push_back({path, text_property(found.get(), "Type", "&s"),
+                                      text_property(found.get(), "Uuid", "&s"),
+                                      uint_property(found.get(), "State"),
+                                      paths_property(found.get(), "Devices")});
+        }
     }
-    return true;
+    for (const std::string& path : paths_property(root.get(), "Devices")) {
+        const base::Owned<GVariant> found = get_all(path.c_str(), device, nullptr);
+        if (found) {
+            objects.devices[path] = {uint_property(found.get(), "DeviceType"),
+                                     uint_property(found.get(), "State")};
+        }
+    }
+    return objects;
 }
 
-bool NetworkManager::read_profiles(std::vector<Profile>* profiles, ErrorPointer* error) const {
-    profiles->clear();
-    const VariantPointer paths =
-        call(SETTINGS_PATH, SETTINGS, "ListConnections", nullptr, "(ao)", error);
-    if (!paths) return false;
-    for (const std::string& path : paths_in(paths.get())) {
-        ErrorPointer gone;
-        const VariantPointer settings =
-            call(path.c_str(), CONNECTION, "GetSettings", nullptr, "(a{sa{sv}})", &gone);
-        Profile profile;
-        if (settings && read_profile(settings.get(), &profile)) {
-            profiles->push_back(std::move(profile));
+std::optional<std::vector<Profile>> NetworkManager::read_profiles(GError** error) const {
+    const base::Owned<GVariant> paths =
+        call(settings_path, settings, "ListConnections", nullptr, "(ao)", error);
+    if (!paths) {
+        return std::nullopt;
+    }
+    std::vector<Profile> profiles;
+    for (const std::string& path : object_paths(paths.get())) {
+        const base::Owned<GVariant> found =
+            call(path.c_str(), connection, "GetSettings", nullptr, "(a{sa{sv}})", nullptr);
+        std::optional<Profile> profile = found ? parse_profile(found.get()) : std::nullopt;
+        if (profile) {
+            profiles.push_back(*std::move(profile));
         }
     }
     sort_profiles(profiles);
-    return true;
+    return profiles;
 }
 
-VariantPointer NetworkManager::get_all(const char* path, const char* interface,
-                                       ErrorPointer* error) const {
-    return call(path, PROPERTIES, "GetAll", g_variant_new("(s)", interface), "(a{sv})", error);
+base::Owned<GVariant> NetworkManager::get_all(const char* path, const char* interface,
+                                              GError** error) const {
+    return call(path, properties, "GetAll", g_variant_new("(s)", interface), "(a{sv})", error);
 }
 
-VariantPointer NetworkManager::call(const char* path, const char* interface, const char* method,
-                                    GVariant* arguments, const char* answer_type,
-                                    ErrorPointer* error) const {
-    GError* failure = nullptr;
-    const VariantPointer answer(g_dbus_connection_call_sync(
-        bus_, SERVICE, path, interface, method, arguments, G_VARIANT_TYPE(answer_type),
-        G_DBUS_CALL_FLAGS_NO_AUTO_START, G_MAXINT, nullptr, &failure));
-    error->reset(failure);
-    if (!answer) return nullptr;
-    return VariantPointer(g_variant_get_child_value(answer.get(), 0));
+base::Owned<GVariant> NetworkManager::call(const char* path, const char* interface,
+                                           const char* method, GVariant* arguments,
+                                           const char* reply_type, GError** error) const {
+    const base::Owned<GVariant> reply(g_dbus_connection_call_sync(
+        bus_, service, path, interface, method, arguments, G_VARIANT_TYPE(reply_type),
+        G_DBUS_CALL_FLAGS_NO_AUTO_START, G_MAXINT, nullptr, error));
+    return base::Owned<GVariant>(reply ? g_variant_get_child_value(reply.get(), 0) : nullptr);
 }
 
 }  // namespace linux_platform

@@ -1,51 +1,58 @@
 #pragma once
 
-#include "glib_pointers.h"
+#include "base/glib_owned.h"
 #include "network_state.h"
 
+#include <optional>
 #include <vector>
+
+#include <gio/gio.h>
 
 namespace linux_platform {
 
 /**
- * Asks NetworkManager for what matters here, one object after the other. All of
- * its objects at once would be simpler, but a hundred access points among them
- * would cost some megabytes.
+ * Queries NetworkManager for the objects that matter here, one by one. Fetching
+ * all of its objects at once would be simpler, but the access points among them
+ * can take megabytes.
  *
- * A call waits without a limit: a service that hangs answers once it goes on,
- * and one that ends is reported by the bus. Does not start the service.
+ * A call waits without a limit: a service that hangs replies once it continues,
+ * and the bus reports one that dies. Does not start the service.
  */
 class NetworkManager {
 public:
     /** The well-known name, the root object and the interfaces. */
-    static constexpr const char* SERVICE = "org.freedesktop.NetworkManager";
-    static constexpr const char* MANAGER_PATH = "/org/freedesktop/NetworkManager";
-    static constexpr const char* MANAGER = "org.freedesktop.NetworkManager";
-    static constexpr const char* SETTINGS_PATH = "/org/freedesktop/NetworkManager/Settings";
-    static constexpr const char* SETTINGS = "org.freedesktop.NetworkManager.Settings";
-    static constexpr const char* CONNECTION = "org.freedesktop.NetworkManager.Settings.Connection";
-    static constexpr const char* ACTIVE = "org.freedesktop.NetworkManager.Connection.Active";
-    static constexpr const char* DEVICE = "org.freedesktop.NetworkManager.Device";
-    static constexpr const char* PROPERTIES = "org.freedesktop.DBus.Properties";
+    static constexpr const char* service = "org.freedesktop.NetworkManager";
+    static constexpr const char* manager_path = "/org/freedesktop/NetworkManager";
+    static constexpr const char* manager = "org.freedesktop.NetworkManager";
+    static constexpr const char* settings_path = "/org/freedesktop/NetworkManager/Settings";
+    static constexpr const char* settings = "org.freedesktop.NetworkManager.Settings";
+    static constexpr const char* connection = "org.freedesktop.NetworkManager.Settings.Connection";
+    static constexpr const char* active = "org.freedesktop.NetworkManager.Connection.Active";
+    static constexpr const char* device = "org.freedesktop.NetworkManager.Device";
+    static constexpr const char* properties = "org.freedesktop.DBus.Properties";
 
     /** @param bus  borrowed for the object's life */
     explicit NetworkManager(GDBusConnection* bus) : bus_(bus) {}
 
     /**
-     * Reads the active connections and the devices. One that goes away
-     * meanwhile is left out; NetworkManager signals such a change.
+     * Reads the active connections and the devices. One that disappears during
+     * the reading is left out; NetworkManager signals such a change.
      *
-     * @return false, with the error set, when the service does not answer
+     * @return nothing, with the error set, when the service does not reply
      */
-    bool read_objects(NetworkObjects* objects, ErrorPointer* error) const;
+    std::optional<NetworkObjects> read_objects(GError** error) const;
 
-    /** Reads the profiles, in their stable order; without those this user may not see. */
-    bool read_profiles(std::vector<Profile>* profiles, ErrorPointer* error) const;
+    /**
+     * Reads the profiles, sorted; without those that this user may not see.
+     *
+     * @return nothing, with the error set, when the service does not reply
+     */
+    std::optional<std::vector<Profile>> read_profiles(GError** error) const;
 
 private:
-    VariantPointer call(const char* path, const char* interface, const char* method,
-                        GVariant* arguments, const char* answer_type, ErrorPointer* error) const;
-    VariantPointer get_all(const char* path, const char* interface, ErrorPointer* error) const;
+    base::Owned<GVariant> call(const char* path, const char* interface, const char* method,
+                               GVariant* arguments, const char* reply_type, GError** error) const;
+    base::Owned<GVariant> get_all(const char* path, const char* interface, GError** error) const;
 
     GDBusConnection* bus_;
 };

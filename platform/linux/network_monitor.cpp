@@ -2,29 +2,26 @@
 
 #include "log.h"
 
-#include <algorithm>
 #include <utility>
 
 namespace linux_platform {
 
 namespace {
 
-/** An activation is dozens of signals; those that come together are one refresh. */
-constexpr unsigned GATHER_MS = 2;
+/** An activation is dozens of signals; those this close together lead to one refresh. */
+constexpr unsigned gather_ms = 2;
 
 /**
- * A loss is reported when it lasts this long, or this long while a profile is
- * being activated: activating one anew takes the connection away for a moment.
+ * A loss is reported once it has lasted this long, or activation_ms while a
+ * profile is being activated: activating a profile again interrupts the
+ * connection for a moment.
  */
-constexpr int SETTLE_MS = 20;
-constexpr int ACTIVATION_MS = 100;
-constexpr int SETTLE_STEP_MS = 10;
+constexpr int settle_ms = 20;
+constexpr int activation_ms = 100;
+constexpr int settle_step_ms = 10;
 
-constexpr unsigned FIRST_RETRY_MS = 50;
-constexpr unsigned LAST_RETRY_MS = 3000;
-
-TextPointer system_bus_address(GError** error) {
-    return TextPointer(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, error));
+base::Owned<char> system_bus_address(GError** error) {
+    return base::Owned<char>(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, error));
 }
 
 }  // namespace
@@ -42,7 +39,7 @@ NetworkMonitor::NetworkMonitor()
 void NetworkMonitor::start(void (*changed)()) {
     std::call_once(started_, [this, changed] {
         changed_ = std::make_unique<MainLoopCall>(changed);
-        wait_until_ = std::chrono::steady_clock::now() + FIRST_ANSWER_LIMIT;
+        wait_until_ = std::chrono::steady_clock::now() + first_snapshot_limit;
         bus_.start();
     });
 }
@@ -57,7 +54,7 @@ NetworkMonitor::Snapshot NetworkMonitor::snapshot() {
 
 void NetworkMonitor::connected() {
     using Service = NetworkManager;
-    retry_ms_ = FIRST_RETRY_MS;
+    retry_delay_.reset();
     profiles_outdated_ = true;
     const auto on = [this](GDBusSignalCallback callback, const char* sender, const char* interface,
                            const char* member, const char* path, const char* arg0) {
@@ -65,17 +62,17 @@ void NetworkMonitor::connected() {
     };
     const auto on_properties = [&on](GDBusSignalCallback callback, const char* path,
                                      const char* interface) {
-        on(callback, Service::SERVICE, Service::PROPERTIES, "PropertiesChanged", path, interface);
+        on(callback, Service::service, Service::properties, "PropertiesChanged", path, interface);
     };
     on(&on_profile_signal, "org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged",
-       nullptr, Service::SERVICE);
-    on(&on_profile_signal, Service::SERVICE, Service::CONNECTION, "Updated", nullptr, nullptr);
-    on_properties(&on_profile_signal, Service::SETTINGS_PATH, Service::SETTINGS);
-    // Only what says something about connections: the strength of an access point
+       nullptr, Service::service);
+    on(&on_profile_signal, Service::service, Service::connection, "Updated", nullptr, nullptr);
+    on_properties(&on_profile_signal, Service::settings_path, Service::settings);
+    // Restricted to interfaces that describe connections: the signal strength of an access point
     // changes every few seconds.
-    on_properties(&on_signal, Service::MANAGER_PATH, Service::MANAGER);
-    on_properties(&on_signal, nullptr, Service::ACTIVE);
-    on_properties(&on_signal, nullptr, Service::DEVICE);
+    on_properties(&on_signal, Service::manager_path, Service::manager);
+    on_properties(&on_signal, nullptr, Service::active);
+    on_properties(&on_signal, nullptr, Service::device);
     refresh();
 }
 
@@ -97,10 +94,12 @@ void NetworkMonitor::on_profile_signal(GDBusConnection* /*connection*/, const ch
 }
 
 void NetworkMonitor::refresh_soon() {
-    if (refresh_due_) return;
+    if (refresh_due_) {
+        return;
+    }
     refresh_due_ = true;
     bus_.call_after(
-        GATHER_MS,
+        gather_ms,
         [](void* self) -> int {
             auto* monitor = static_cast<NetworkMonitor*>(self);
             monitor->refresh_due_ = false;
@@ -111,10 +110,12 @@ void NetworkMonitor::refresh_soon() {
 }
 
 void NetworkMonitor::retry_later() {
-    if (retry_due_) return;
+    if (retry_due_) {
+        return;
+    }
     retry_due_ = true;
     bus_.call_after(
-        retry_ms_,
+        retry_delay_.next_ms(),
         [](void* self) -> int {
             auto* monitor = static_cast<NetworkMonitor*>(self);
             monitor->retry_due_ = false;
@@ -122,58 +123,65 @@ void NetworkMonitor::retry_later() {
             return G_SOURCE_REMOVE;
         },
         this);
-    retry_ms_ = std::min(retry_ms_ * 2, LAST_RETRY_MS);
 }
 
 void NetworkMonitor::refresh() {
-    // It may have come due after the connection was lost.
-    if (!bus_.connection()) return;
-    const NetworkManager service(bus_.connection());
-    ErrorPointer error;
-    NetworkSnapshot next;
-    bool answered = read_settled(service, &next.state, &error);
-    if (answered && profiles_outdated_) {
-        profiles_outdated_ = false;
-        answered = service.read_profiles(&profiles_, &error);
+    // Possibly due only after the connection was lost.
+    if (bus_.connection() == nullptr) {
+        return;
     }
-    if (!answered) {
+    const NetworkManager service(bus_.connection());
+    GError* failure = nullptr;
+    std::optional<NetworkState> state = read_settled(service, &failure);
+    if (state && profiles_outdated_) {
+        // Cleared first: a signal that arrives during the reading asks for another one.
+        profiles_outdated_ = false;
+        std::optional<std::vector<Profile>> profiles = service.read_profiles(&failure);
+        if (profiles) {
+            profiles_ = *std::move(profiles);
+        }
+    }
+    const base::Owned<GError> error(failure);
+    if (error) {
         refresh_failed(error.get());
         return;
     }
-    retry_ms_ = FIRST_RETRY_MS;
+    retry_delay_.reset();
     last_failure_.clear();
-    next.available = true;
-    next.profiles = profiles_;
-    publish(std::move(next));
+    publish({true, *std::move(state), profiles_, 0, {}});
 }
 
-bool NetworkMonitor::read_settled(const NetworkManager& service, NetworkState* state,
-                                  ErrorPointer* error) {
+std::optional<NetworkState> NetworkMonitor::read_settled(const NetworkManager& service,
+                                                         GError** error) {
     const bool was_connected = is_connected();
-    for (int waited = 0;; waited += SETTLE_STEP_MS) {
-        NetworkObjects objects;
-        if (!service.read_objects(&objects, error)) return false;
-        *state = network_state(objects);
-        const bool lost = was_connected && state->type == CONNECTION_TYPE_DISCONNECTED;
-        if (!lost || waited >= (is_activating(objects) ? ACTIVATION_MS : SETTLE_MS)) return true;
-        g_usleep(SETTLE_STEP_MS * G_TIME_SPAN_MILLISECOND);
+    for (int waited_ms = 0;; waited_ms += settle_step_ms) {
+        const std::optional<NetworkObjects> objects = service.read_objects(error);
+        if (!objects) {
+            return std::nullopt;
+        }
+        const NetworkState state = network_state(*objects);
+        const bool is_lost = was_connected && state.type == CONNECTION_TYPE_DISCONNECTED;
+        if (!is_lost || waited_ms >= (is_activating(*objects) ? activation_ms : settle_ms)) {
+            return state;
+        }
+        g_usleep(settle_step_ms * G_TIME_SPAN_MILLISECOND);
     }
 }
 
 void NetworkMonitor::refresh_failed(const GError* error) {
     publish({});
     profiles_outdated_ = true;
-    // Without an owner of its name, the service announces itself when it comes.
-    if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NAME_HAS_NO_OWNER) ||
-        g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_SERVICE_UNKNOWN) ||
-        g_dbus_connection_is_closed(bus_.connection())) {
+    // A service without an owner of its name announces itself when it starts.
+    if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NAME_HAS_NO_OWNER) != FALSE ||
+        g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_SERVICE_UNKNOWN) != FALSE ||
+        g_dbus_connection_is_closed(bus_.connection()) != FALSE) {
         return;
     }
-    // Once for each reason, not at every try: some services take half a minute to start.
+    // Once for each reason, not at every attempt: some services take half a minute to start.
     if (last_failure_ != error->message) {
         last_failure_ = error->message;
-        log_error("ad-network: %s does not tell its state: %s; trying on", NetworkManager::SERVICE,
-                  error->message);
+        LOG_ERROR("ad-network: %s does not report its state: %s; will retry",
+                  NetworkManager::service, error->message);
     }
     retry_later();
 }
@@ -192,15 +200,18 @@ void NetworkMonitor::publish(NetworkSnapshot next) {
         next.type_change = next.state.type == last.state.type ? last.type_change : ++changes_;
         for (const auto& [uuid, state] : next.state.profile_states) {
             const auto before = last.state.profile_states.find(uuid);
-            const bool same = before != last.state.profile_states.end() && before->second == state;
-            next.profile_changes[uuid] = same ? last.profile_changes.at(uuid) : ++changes_;
+            const bool is_same =
+                before != last.state.profile_states.end() && before->second == state;
+            next.profile_changes[uuid] = is_same ? last.profile_changes.at(uuid) : ++changes_;
         }
         changed =
             next.type_change != last.type_change || next.profile_changes != last.profile_changes;
         snapshot_ = std::make_shared<const NetworkSnapshot>(std::move(next));
     }
     published_.notify_all();
-    if (changed) changed_->request();
+    if (changed) {
+        changed_->request();
+    }
 }
 
 }  // namespace linux_platform

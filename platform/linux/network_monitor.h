@@ -4,6 +4,7 @@
 #include "main_loop_call.h"
 #include "network_manager.h"
 #include "network_state.h"
+#include "retry_delay.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -11,38 +12,38 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace linux_platform {
 
-/** What is known of the network. Never changes once it is published. */
+/** The network at one time. Immutable once it is published. */
 struct NetworkSnapshot {
-    /** NetworkManager answers. Without it nothing is connected, as far as anyone can say. */
+    /** NetworkManager replies. Otherwise nothing counts as connected. */
     bool available = false;
     NetworkState state;
     std::vector<Profile> profiles;
     /**
-     * Numbers that change with every change of the type, and of a profile's
-     * state: who missed a change sees that there was one. None for a
-     * disconnected profile.
+     * Numbers that change whenever the type, or a profile's state, changes: they
+     * reveal changes that a reader missed. A disconnected profile has none.
      */
     uint64_t type_change = 0;
     std::map<std::string, uint64_t> profile_changes;
 };
 
 /**
- * Follows NetworkManager and publishes what it says.
+ * Follows NetworkManager and publishes its state.
  *
- * Any signal of it that may matter leads to asking it anew, so that no order of
- * signals is relied on and none that is lost does lasting harm.
+ * Any relevant signal leads to reading the state again, so that the order of
+ * signals does not matter and a lost one does no lasting harm.
  */
 class NetworkMonitor {
 public:
     using Snapshot = std::shared_ptr<const NetworkSnapshot>;
 
-    /** How long after the start the first snapshot is waited for. */
-    static constexpr std::chrono::milliseconds FIRST_ANSWER_LIMIT{1000};
+    /** How long after the start callers wait for the first snapshot. */
+    static constexpr std::chrono::milliseconds first_snapshot_limit{1000};
 
     /** The process's one monitor; it lives as long as the process. */
     static NetworkMonitor& instance();
@@ -55,8 +56,8 @@ public:
     void start(void (*changed)());
 
     /**
-     * The newest snapshot. Waits for the first one, up to FIRST_ANSWER_LIMIT
-     * after the start; from then on it never waits. Null when there is none yet.
+     * The newest snapshot. Waits for the first one, until first_snapshot_limit
+     * after the start; never waits from then on. Null when there is none yet.
      */
     Snapshot snapshot();
 
@@ -76,7 +77,7 @@ private:
     void refresh_soon();
     void retry_later();
     void refresh();
-    bool read_settled(const NetworkManager& service, NetworkState* state, ErrorPointer* error);
+    std::optional<NetworkState> read_settled(const NetworkManager& service, GError** error);
     void refresh_failed(const GError* error);
     void publish(NetworkSnapshot next);
     bool is_connected();
@@ -85,10 +86,10 @@ private:
     std::once_flag started_;
     std::unique_ptr<MainLoopCall> changed_;
 
-    // Of the bus client's thread.
+    // Used by the bus client's thread only.
     bool refresh_due_ = false;
     bool retry_due_ = false;
-    unsigned retry_ms_ = 0;
+    RetryDelay retry_delay_;
     std::string last_failure_;
     std::vector<Profile> profiles_;
     bool profiles_outdated_ = true;

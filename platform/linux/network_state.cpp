@@ -1,6 +1,6 @@
 #include "network_state.h"
 
-#include "glib_pointers.h"
+#include "base/glib_owned.h"
 
 #include <algorithm>
 #include <cstring>
@@ -10,11 +10,14 @@ namespace linux_platform {
 
 namespace {
 
-constexpr const char* LOOPBACK = "loopback";
+constexpr const char* loopback_type = "loopback";
 
-// NetworkManager's numbers, from its nm-dbus-types.
-enum { ACTIVE_STATE_ACTIVATING = 1, ACTIVE_STATE_ACTIVATED = 2 };
-enum { STATE_DISCONNECTED = 30, STATE_IP_CONFIG = 70, STATE_ACTIVATED = 100 };
+// From NetworkManager's nm-dbus-interface.h: NMActiveConnectionState and NMDeviceState.
+constexpr unsigned active_state_activating = 1;
+constexpr unsigned active_state_activated = 2;
+constexpr unsigned device_state_disconnected = 30;
+constexpr unsigned device_state_ip_config = 70;
+constexpr unsigned device_state_activated = 100;
 
 struct ConnectionKind {
     const char* name;
@@ -22,8 +25,8 @@ struct ConnectionKind {
     connection_profile_type_e profile_type;
 };
 
-/** NetworkManager's connection types that are one of the platform's. */
-constexpr ConnectionKind CONNECTION_KINDS[] = {
+/** NetworkManager's connection types that the platform interface has a type for. */
+constexpr ConnectionKind connection_kinds[] = {
     {"802-3-ethernet", CONNECTION_TYPE_ETHERNET, CONNECTION_PROFILE_TYPE_ETHERNET},
     {"802-11-wireless", CONNECTION_TYPE_WIFI, CONNECTION_PROFILE_TYPE_WIFI},
     {"gsm", CONNECTION_TYPE_CELLULAR, CONNECTION_PROFILE_TYPE_CELLULAR},
@@ -31,30 +34,29 @@ constexpr ConnectionKind CONNECTION_KINDS[] = {
     {"bluetooth", CONNECTION_TYPE_BT, CONNECTION_PROFILE_TYPE_BT},
 };
 
-/**
- * Any other: a bridge, a bond, a VLAN, PPP over Ethernet, a tunnel. What leads
- * out of the device without a radio that we know of counts as a wire.
- */
-constexpr ConnectionKind OTHER_CONNECTION = {nullptr, CONNECTION_TYPE_ETHERNET,
-                                             CONNECTION_PROFILE_TYPE_ETHERNET};
+/** Any other type: a bridge, bond, VLAN, PPP over Ethernet or tunnel counts as Ethernet. */
+constexpr ConnectionKind mapped_connection = {nullptr, CONNECTION_TYPE_ETHERNET,
+                                              CONNECTION_PROFILE_TYPE_ETHERNET};
 
 struct DeviceKind {
+    /** NMDeviceType. */
     unsigned number;
     connection_type_e type;
 };
 
 /** NetworkManager's device types that have a per-type state. */
-constexpr DeviceKind DEVICE_KINDS[] = {
+constexpr DeviceKind device_kinds[] = {
     {1, CONNECTION_TYPE_ETHERNET}, {2, CONNECTION_TYPE_WIFI},      {5, CONNECTION_TYPE_BT},
-    {8, CONNECTION_TYPE_CELLULAR}, {20, CONNECTION_TYPE_ETHERNET},  // a virtual wire between two
-                                                                    // network namespaces
+    {8, CONNECTION_TYPE_CELLULAR}, {20, CONNECTION_TYPE_ETHERNET},  // veth(4)
 };
 
 const ConnectionKind& connection_kind(const char* name) {
-    for (const ConnectionKind& kind : CONNECTION_KINDS) {
-        if (strcmp(kind.name, name) == 0) return kind;
+    for (const ConnectionKind& kind : connection_kinds) {
+        if (strcmp(kind.name, name) == 0) {
+            return kind;
+        }
     }
-    return OTHER_CONNECTION;
+    return mapped_connection;
 }
 
 int connected_state(connection_type_e type) {
@@ -62,37 +64,43 @@ int connected_state(connection_type_e type) {
                                             : static_cast<int>(CONNECTION_WIFI_STATE_CONNECTED);
 }
 
-int profile_state(const ActiveConnection& active, const NetworkObjects& objects, bool way_out) {
-    if (active.state == ACTIVE_STATE_ACTIVATED) {
-        return way_out ? PROFILE_CONNECTED : PROFILE_CONFIGURING;
+ProfileState profile_state(const ActiveConnection& active, const NetworkObjects& objects,
+                           bool is_online) {
+    if (active.state == active_state_activated) {
+        return is_online ? ProfileState::connected : ProfileState::configuring;
     }
-    if (active.state != ACTIVE_STATE_ACTIVATING) return PROFILE_DISCONNECTED;
+    if (active.state != active_state_activating) {
+        return ProfileState::disconnected;
+    }
     for (const std::string& path : active.devices) {
         const auto device = objects.devices.find(path);
-        if (device != objects.devices.end() && device->second.state >= STATE_IP_CONFIG) {
-            return PROFILE_CONFIGURING;
+        if (device != objects.devices.end() && device->second.state >= device_state_ip_config) {
+            return ProfileState::configuring;
         }
     }
-    return PROFILE_ASSOCIATING;
+    return ProfileState::associating;
 }
 
 std::map<connection_type_e, int> device_states(const NetworkObjects& objects,
                                                connection_type_e current) {
-    std::map<connection_type_e, int> states = {{CONNECTION_TYPE_WIFI, DEVICE_STATE_NONE},
-                                               {CONNECTION_TYPE_CELLULAR, DEVICE_STATE_NONE},
-                                               {CONNECTION_TYPE_ETHERNET, DEVICE_STATE_NONE},
-                                               {CONNECTION_TYPE_BT, DEVICE_STATE_NONE}};
+    std::map<connection_type_e, int> states = {{CONNECTION_TYPE_WIFI, device_unavailable},
+                                               {CONNECTION_TYPE_CELLULAR, device_unavailable},
+                                               {CONNECTION_TYPE_ETHERNET, device_unavailable},
+                                               {CONNECTION_TYPE_BT, device_unavailable}};
     for (const auto& [path, device] : objects.devices) {
-        for (const DeviceKind& kind : DEVICE_KINDS) {
-            if (kind.number != device.type || device.state < STATE_DISCONNECTED) continue;
-            const int state = device.state == STATE_ACTIVATED
-                                  ? connected_state(kind.type)
-                                  : static_cast<int>(DEVICE_STATE_DISCONNECTED);
+        for (const DeviceKind& kind : device_kinds) {
+            if (kind.number != device.type || device.state < device_state_disconnected) {
+                continue;
+            }
+            const int state = device.state == device_state_activated ? connected_state(kind.type)
+                                                                     : device_disconnected;
             states[kind.type] = std::max(states[kind.type], state);
         }
     }
-    // What the connection runs over is connected, also when it is only mapped to that type.
-    if (current != CONNECTION_TYPE_DISCONNECTED) states[current] = connected_state(current);
+    // The current connection's type counts as connected, even when it is only mapped to that type.
+    if (current != CONNECTION_TYPE_DISCONNECTED) {
+        states[current] = connected_state(current);
+    }
     return states;
 }
 
@@ -101,17 +109,17 @@ std::map<connection_type_e, int> device_states(const NetworkObjects& objects,
 NetworkState network_state(const NetworkObjects& objects) {
     NetworkState state;
     for (const ActiveConnection& active : objects.active) {
-        // NetworkManager names the primary connection some time before it is ready.
-        if (active.path == objects.primary && active.state == ACTIVE_STATE_ACTIVATED) {
+        // NetworkManager names the primary connection some time before it is activated.
+        if (active.path == objects.primary && active.state == active_state_activated) {
             state.type = connection_kind(active.type.c_str()).type;
         }
     }
-    const bool way_out = state.type != CONNECTION_TYPE_DISCONNECTED;
+    const bool is_online = state.type != CONNECTION_TYPE_DISCONNECTED;
     for (const ActiveConnection& active : objects.active) {
-        const int of_active = profile_state(active, objects, way_out);
-        // Activated anew, or on two devices, a profile has several of them.
-        if (of_active != PROFILE_DISCONNECTED) {
-            int& known = state.profile_states[active.uuid];
+        const ProfileState of_active = profile_state(active, objects, is_online);
+        // A profile that is activated again, or on two devices, has several active connections.
+        if (of_active != ProfileState::disconnected) {
+            ProfileState& known = state.profile_states[active.uuid];
             known = std::max(known, of_active);
         }
     }
@@ -121,35 +129,34 @@ NetworkState network_state(const NetworkObjects& objects) {
 
 bool is_activating(const NetworkObjects& objects) {
     return std::any_of(objects.active.begin(), objects.active.end(),
-                       [](const auto& active) { return active.state == ACTIVE_STATE_ACTIVATING; });
+                       [](const auto& active) { return active.state == active_state_activating; });
 }
 
-bool read_profile(GVariant* settings, Profile* profile) {
-    const VariantPointer connection(
+std::optional<Profile> parse_profile(GVariant* settings) {
+    const base::Owned<GVariant> connection(
         g_variant_lookup_value(settings, "connection", G_VARIANT_TYPE_VARDICT));
-    if (!connection) return false;
+    if (!connection) {
+        return std::nullopt;
+    }
     const char* type = "";
     const char* uuid = "";
     const char* name = "";
+    gint32 priority = 0;
     g_variant_lookup(connection.get(), "type", "&s", &type);
     g_variant_lookup(connection.get(), "uuid", "&s", &uuid);
     g_variant_lookup(connection.get(), "id", "&s", &name);
-    if (!*type || !*uuid || strcmp(type, LOOPBACK) == 0) return false;
-    profile->uuid = uuid;
-    profile->name = name;
-    const ConnectionKind& kind = connection_kind(type);
-    profile->type = kind.profile_type;
-    profile->hardware = kind.name != nullptr;
-    gint32 priority = 0;
     g_variant_lookup(connection.get(), "autoconnect-priority", "i", &priority);
-    profile->priority = priority;
-    return true;
+    if (*type == '\0' || *uuid == '\0' || strcmp(type, loopback_type) == 0) {
+        return std::nullopt;
+    }
+    const ConnectionKind& kind = connection_kind(type);
+    return Profile{uuid, name, kind.profile_type, kind.name != nullptr, priority};
 }
 
-void sort_profiles(std::vector<Profile>* profiles) {
-    std::sort(profiles->begin(), profiles->end(), [](const Profile& a, const Profile& b) {
-        return std::make_tuple(!a.hardware, -static_cast<int64_t>(a.priority), a.name, a.uuid) <
-               std::make_tuple(!b.hardware, -static_cast<int64_t>(b.priority), b.name, b.uuid);
+void sort_profiles(std::vector<Profile>& profiles) {
+    std::sort(profiles.begin(), profiles.end(), [](const Profile& a, const Profile& b) {
+        return std::make_tuple(!a.is_native, -static_cast<int64_t>(a.priority), a.name, a.uuid) <
+               std::make_tuple(!b.is_native, -static_cast<int64_t>(b.priority), b.name, b.uuid);
     });
 }
 

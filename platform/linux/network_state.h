@@ -3,6 +3,7 @@
 #include "network_connection.h"
 
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -10,31 +11,32 @@
 
 namespace linux_platform {
 
-/** A profile's states between "disconnected" and "connected". */
-enum ProfileState {
-    PROFILE_DISCONNECTED = 0,
+/** A profile's states, as numbered by connection_profile_state_e. */
+enum class ProfileState {
+    disconnected = 0,
     /** The device is being prepared: cable, radio, authentication. */
-    PROFILE_ASSOCIATING = 1,
-    /** It is getting its addresses, or has them while nothing leads out of the device. */
-    PROFILE_CONFIGURING = 2,
-    PROFILE_CONNECTED = CONNECTION_PROFILE_STATE_CONNECTED
+    associating = 1,
+    /** IP configuration, or addresses without a default route on the device as a whole. */
+    configuring = 2,
+    connected = CONNECTION_PROFILE_STATE_CONNECTED
 };
 
-/** A per-type state that is not "connected": no usable device, or one without a connection. */
-enum { DEVICE_STATE_NONE = 0, DEVICE_STATE_DISCONNECTED = 1 };
+/** A per-type state below "connected": no usable device, or one without a connection. */
+constexpr int device_unavailable = 0;
+constexpr int device_disconnected = 1;
 
 /** One of NetworkManager's connections. */
 struct Profile {
     std::string uuid;
     std::string name;
     connection_profile_type_e type = CONNECTION_PROFILE_TYPE_ETHERNET;
-    /** Runs over hardware of its type, rather than over something mapped to it. */
-    bool hardware = true;
-    /** NetworkManager's connection.autoconnect-priority: the higher, the earlier. */
+    /** The profile's own type, rather than one that another type is mapped to. */
+    bool is_native = true;
+    /** NetworkManager's connection.autoconnect-priority; the highest comes first. */
     int priority = 0;
 };
 
-/** One of NetworkManager's active connections: a profile on its way to a device, or there. */
+/** One of NetworkManager's active connections: a profile that is, or is becoming, active. */
 struct ActiveConnection {
     std::string path;
     /** A connection type such as "802-3-ethernet". */
@@ -52,44 +54,43 @@ struct Device {
     unsigned state = 0;
 };
 
-/** NetworkManager's objects that say something about connections. */
+/** NetworkManager's objects that describe connections. */
 struct NetworkObjects {
-    /** The path of the active connection that leads out of the device, "/" for none. */
+    /** The path of the active connection with the default route, "/" for none. */
     std::string primary;
     std::vector<ActiveConnection> active;
     /** By path. */
     std::map<std::string, Device> devices;
 };
 
-/** What they say, in the terms of this platform. */
+/** The same in terms of network_connection.h. */
 struct NetworkState {
-    /** The device's connection; disconnected until the primary one is ready for use. */
+    /** The current connection's type; disconnected until the primary connection is activated. */
     connection_type_e type = CONNECTION_TYPE_DISCONNECTED;
     /** By connection type: the per-type states, in that type's own numbers. */
     std::map<connection_type_e, int> device_states;
     /** By UUID: the states of the profiles that are not disconnected. */
-    std::map<std::string, int> profile_states;
+    std::map<std::string, ProfileState> profile_states;
 };
 
 NetworkState network_state(const NetworkObjects& objects);
 
-/** Whether a profile is on its way to being connected. */
+/** Whether any profile is being activated. */
 bool is_activating(const NetworkObjects& objects);
 
 /**
- * A profile from the settings of a connection.
+ * Reads a profile from the settings of a connection.
  *
- * @param settings  "a{sa{sv}}", the answer of a connection's GetSettings; borrowed
- * @param profile   receives the profile
- * @return false for the loopback connection, and for one without type or UUID
+ * @param settings  "a{sa{sv}}", the reply to a connection's GetSettings; borrowed
+ * @return nothing for the loopback connection, or without a type or UUID
  */
-bool read_profile(GVariant* settings, Profile* profile);
+std::optional<Profile> parse_profile(GVariant* settings);
 
 /**
- * Puts profiles into an order that does not change with what is connected or
- * with NetworkManager's restarts: hardware before mapped ones, a higher
- * autoconnect priority first, then by name and UUID.
+ * Sorts profiles into an order that depends neither on what is connected nor on
+ * NetworkManager's restarts: native types before mapped ones, then by descending
+ * autoconnect priority, then by name and UUID.
  */
-void sort_profiles(std::vector<Profile>* profiles);
+void sort_profiles(std::vector<Profile>& profiles);
 
 }  // namespace linux_platform

@@ -1,12 +1,15 @@
 /**
  * The platform log on the system's log socket.
  *
- * A line goes out as the datagram that syslog(3) sends, but not through it:
- * syslog(3) takes a lock, which a signal handler must not wait for, waits for
- * ever for a logger that hangs, and does not say when nobody listens. The
- * datagram has no time: every reader of the socket puts its own.
+ * A line is the datagram that syslog(3) sends, but sent without syslog(3), which
+ * takes a lock that a signal handler must not wait for, blocks for as long as
+ * the logger hangs, and does not report that nobody listens. The datagram has no
+ * time stamp: whoever reads the socket adds its own.
  */
 #include "platform_log.h"
+
+#include "base/file_io.h"
+#include "base/unique_fd.h"
 
 #include <algorithm>
 #include <atomic>
@@ -25,51 +28,58 @@ namespace linux_platform {
 
 namespace {
 
-constexpr char LOG_SOCKET[] = "/dev/log";
+constexpr char log_socket_path[] = "/dev/log";
 
-/** The longest line, its end cut off beyond; room for what the daemon ever writes. */
-constexpr size_t LINE_SIZE = 8192;
-constexpr size_t MAX_TAG_SIZE = 256;
+/** Longer lines are truncated; the daemon's are shorter. */
+constexpr size_t line_size = 8192;
+constexpr size_t max_tag_size = 256;
 
-/** How long a line waits for a logger that does not read, in all: TRIES times PAUSE. */
-constexpr int TRIES = 10;
-constexpr timespec PAUSE = {0, 5000000};
+/** How long a line waits for a logger that hangs: send_attempts minus one times send_pause. */
+constexpr int send_attempts = 10;
+constexpr timespec send_pause = {0, 5000000};
 
 struct Priority {
     int platform;
     int syslog;
 };
 
-constexpr Priority PRIORITIES[] = {
+constexpr Priority priorities[] = {
     {PLATFORM_LOG_NORMAL, LOG_INFO},
     {PLATFORM_LOG_ERROR, LOG_ERR},
 };
-constexpr int OTHER_PRIORITY = LOG_NOTICE;
+constexpr int other_priority = LOG_NOTICE;
 
 int syslog_priority(int priority) {
-    for (const Priority& known : PRIORITIES) {
-        if (known.platform == priority) return known.syslog;
+    for (const Priority& known : priorities) {
+        if (known.platform == priority) {
+            return known.syslog;
+        }
     }
-    return OTHER_PRIORITY;
+    return other_priority;
 }
 
-/** The one socket, made at the first line. Not connected, so a logger may come and go. */
+/**
+ * The process's one socket, made for the first line. It is not connected, so
+ * that the logger may come and go. Negative when it cannot be made.
+ */
 int log_socket() {
-    static std::atomic<int> s_socket{-1};
-    const int known = s_socket;
-    if (known >= 0) return known;
-    const int made = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (made < 0) return made;
+    static std::atomic<int> shared{-1};
+    const int known = shared;
+    if (known >= 0) {
+        return known;
+    }
+    base::UniqueFd made(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     int none = -1;
-    if (s_socket.compare_exchange_strong(none, made)) return made;
-    close(made);
-    return none;
+    if (made && !shared.compare_exchange_strong(none, made.get())) {
+        return none;
+    }
+    return made.release();
 }
 
 bool send_once(int socket, const char* line, size_t size) {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
-    memcpy(address.sun_path, LOG_SOCKET, sizeof LOG_SOCKET);
+    memcpy(address.sun_path, log_socket_path, sizeof log_socket_path);
     ssize_t sent = 0;
     do {
         sent = sendto(socket, line, size, MSG_DONTWAIT | MSG_NOSIGNAL,
@@ -79,31 +89,27 @@ bool send_once(int socket, const char* line, size_t size) {
 }
 
 bool send_line(const char* line, size_t size) {
-    // After one line that waited in vain, the next ones do not wait.
-    static std::atomic<bool> s_stalled{false};
+    // Once a line has waited in vain, the following ones do not wait.
+    static std::atomic<bool> is_stalled{false};
     const int socket = log_socket();
-    if (socket < 0) return false;
-    const int tries = s_stalled ? 1 : TRIES;
-    for (int i = 0; i < tries; ++i) {
-        if (i > 0) nanosleep(&PAUSE, nullptr);
+    if (socket < 0) {
+        return false;
+    }
+    const int attempts = is_stalled ? 1 : send_attempts;
+    for (int i = 0; i < attempts; ++i) {
+        if (i > 0) {
+            nanosleep(&send_pause, nullptr);
+        }
         if (send_once(socket, line, size)) {
-            s_stalled = false;
+            is_stalled = false;
             return true;
         }
-        if (errno != EAGAIN) return false;
+        if (errno != EAGAIN) {
+            return false;
+        }
     }
-    s_stalled = true;
+    is_stalled = true;
     return false;
-}
-
-void write_all(int descriptor, const char* text, size_t size) {
-    while (size > 0) {
-        const ssize_t written = write(descriptor, text, size);
-        if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) return;
-        text += written;
-        size -= static_cast<size_t>(written);
-    }
 }
 
 }  // namespace
@@ -113,13 +119,13 @@ void write_all(int descriptor, const char* text, size_t size) {
 extern "C" int __dlog_print(int /*log_id*/, int priority, const char* tag, const char* format,
                             ...) {
     using namespace linux_platform;
-    // Called from signal handlers, which must not change what the program sees.
-    const int error_before = errno;
-    char line[LINE_SIZE];
+    // A signal handler must leave errno as the interrupted code expects it.
+    const int saved_errno = errno;
+    char line[line_size];
     const auto tag_at = static_cast<size_t>(
         snprintf(line, sizeof line, "<%d>", LOG_DAEMON | syslog_priority(priority)));
-    const int tag_size = snprintf(line + tag_at, MAX_TAG_SIZE, "%s: ", tag ? tag : "-");
-    const size_t begin = tag_at + std::min(static_cast<size_t>(tag_size), MAX_TAG_SIZE - 1);
+    const int tag_size = snprintf(line + tag_at, max_tag_size, "%s: ", tag != nullptr ? tag : "-");
+    const size_t begin = tag_at + std::min(static_cast<size_t>(tag_size), max_tag_size - 1);
 
     va_list arguments;
     va_start(arguments, format);
@@ -129,11 +135,13 @@ extern "C" int __dlog_print(int /*log_id*/, int priority, const char* tag, const
     if (length >= 0) {
         size = std::min(begin + static_cast<size_t>(length), sizeof line - 1);
         if (!send_line(line, size)) {
-            // In place of the terminating zero, which nothing needs any more.
-            if (line[size - 1] != '\n') line[size++] = '\n';
-            write_all(STDERR_FILENO, line + tag_at, size - tag_at);
+            // Overwrites the terminating zero, which is no longer needed.
+            if (line[size - 1] != '\n') {
+                line[size++] = '\n';
+            }
+            base::write_full(STDERR_FILENO, line + tag_at, size - tag_at);
         }
     }
-    errno = error_before;
+    errno = saved_errno;
     return length < 0 ? -1 : static_cast<int>(size - tag_at);
 }

@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-/** The key and value that a change callback receives. */
-struct settings_keynode {
+/** The key and value that a change callback receives. The name is the interface's. */
+struct settings_keynode {  // NOLINT(readability-identifier-naming)
     std::string name;
     linux_platform::SettingsValue value;
 };
@@ -19,19 +19,19 @@ struct settings_keynode {
 namespace linux_platform {
 
 /**
- * Tells watchers when the value of a dconf key has changed.
+ * Calls back when the value of a dconf key changes.
  *
- * dconf-service announces changes on the session bus. An announcement only
- * leads to reading the key again: what is reported is what the database holds.
- * libdconf's own client could watch as well, but it stays deaf for its life when
- * the bus was missing at its start or has restarted.
+ * dconf-service signals changes on the session bus. A signal only leads to
+ * reading the key again, so that callbacks report what the database holds.
+ * libdconf's own client can watch keys too, but never recovers when the bus was
+ * missing at its start or has restarted.
  */
 class SettingsMonitor {
 public:
     /** The process's one monitor; it lives as long as the process. */
     static SettingsMonitor& instance();
 
-    /** See vconf_notify_key_changed; the key is a valid one. */
+    /** See vconf_notify_key_changed(). `path` is the key's dconf name, a valid one. */
     void watch(const std::string& key, const std::string& path, vconf_callback_fn callback,
                void* user_data);
 
@@ -42,7 +42,7 @@ private:
         vconf_callback_fn callback;
         void* user_data;
 
-        // Behind the mutex.
+        // Guarded by the mutex.
         SettingsValue value;
         uint64_t changes = 0;
         uint64_t reported = 0;
@@ -59,7 +59,7 @@ private:
     void read_changed(const std::string& changed);
     // On the main loop's thread.
     void report();
-    bool take_change(Watch& watch, settings_keynode* node);
+    bool take_change(Watch& watch, settings_keynode& node);
 
     std::vector<Watch*> watches();
 

@@ -4,7 +4,7 @@
 
 namespace linux_platform {
 
-/** What a setting holds. */
+/** A setting's value. */
 struct SettingsValue {
     /**
      * SETTINGS_TYPE_INT for GVariant type "i", 0 for a key without a value. For
@@ -25,7 +25,7 @@ struct SettingsValue {
 };
 
 /**
- * Reads a key from the dconf databases of the process's dconf profile.
+ * Reads a key from the databases of the process's dconf profile.
  *
  * Only files are read, so no service has to run. From any thread.
  *

@@ -1,7 +1,7 @@
 /** The firmware version from os-release(5). */
 #include "system_information.h"
 
-#include "glib_pointers.h"
+#include "base/glib_owned.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -13,8 +13,8 @@ namespace linux_platform {
 
 namespace {
 
-/** An image-based system has a version of the image; others one of the distribution. */
-constexpr const char* VERSION_FIELDS[] = {"IMAGE_VERSION", "VERSION_ID"};
+/** The version of the image, on a system that is built as one; else of the distribution. */
+constexpr const char* version_fields[] = {"IMAGE_VERSION", "VERSION_ID"};
 
 bool has_os_release() {
     return access("/etc/os-release", R_OK) == 0 || access("/usr/lib/os-release", R_OK) == 0;
@@ -25,15 +25,23 @@ bool has_os_release() {
 }  // namespace linux_platform
 
 extern "C" int system_info_get_value_string(int key, char** value) {
-    using namespace linux_platform;
-    if (key != SYSTEM_INFO_KEY_FIRMWARE_VERSION || !value) return -EINVAL;
-    // Without the file GLib would answer with the kernel's version.
-    if (!has_os_release()) return -ENOENT;
-    for (const char* field : VERSION_FIELDS) {
-        const TextPointer version(g_get_os_info(field));
-        if (!version || !*version) continue;
+    if (key != SYSTEM_INFO_KEY_FIRMWARE_VERSION || value == nullptr) {
+        return -EINVAL;
+    }
+    // Without the file, GLib falls back to the kernel's version.
+    if (!linux_platform::has_os_release()) {
+        return -ENOENT;
+    }
+    for (const char* field : linux_platform::version_fields) {
+        const base::Owned<char> version(g_get_os_info(field));
+        if (!version || *version == '\0') {
+            continue;
+        }
+        // A copy from malloc(3), since the caller releases it with free(3).
         char* copy = strdup(version.get());
-        if (!copy) return -ENOMEM;
+        if (copy == nullptr) {
+            return -ENOMEM;
+        }
         *value = copy;
         return 0;
     }

@@ -31,7 +31,9 @@ constexpr std::array<std::string_view, call_count> names{
 
 std::optional<Call> call_named(std::string_view name) {
     const auto found = std::find(names.begin(), names.end(), name);
-    if (found == names.end()) return std::nullopt;
+    if (found == names.end()) {
+        return std::nullopt;
+    }
     return static_cast<Call>(found - names.begin());
 }
 

@@ -33,10 +33,10 @@ enum class Call : std::size_t {
 
 constexpr std::size_t call_count = static_cast<std::size_t>(Call::vconf_notify_key_changed) + 1;
 
-/** The result to force on each call, in the order of Call; 0 lets it do its work. */
+/** The result forced on each call, in the order of Call; 0 lets it do its work. */
 using Results = std::array<int, call_count>;
 
-/** The call of that function name, if it is one that can be set. */
+/** The call of that function name; nothing when its result cannot be set. */
 std::optional<Call> call_named(std::string_view name);
 
 }  // namespace simulated_platform

@@ -7,16 +7,21 @@ namespace simulated_platform {
 
 namespace {
 
+/** A change with its position in the newer file. */
 using Placed = std::pair<int, Change>;
 
 void add_settings(const State& before, const State& after, std::vector<Placed>& placed) {
     for (const Setting& now : after.settings) {
         const Setting* earlier = before.setting(now.key);
-        if (earlier && earlier->type == now.type && earlier->text == now.text) continue;
+        if (earlier != nullptr && earlier->type == now.type && earlier->text == now.text) {
+            continue;
+        }
         placed.push_back({now.position, {Change::Kind::setting, now.key, now.type, now.integer}});
     }
     for (const Setting& earlier : before.settings) {
-        if (after.setting(earlier.key)) continue;
+        if (after.setting(earlier.key) != nullptr) {
+            continue;
+        }
         placed.push_back({position_absent, {Change::Kind::setting, earlier.key, setting_none, 0}});
     }
 }
@@ -24,13 +29,17 @@ void add_settings(const State& before, const State& after, std::vector<Placed>& 
 void add_profiles(const State& before, const State& after, std::vector<Placed>& placed) {
     for (const Profile& now : after.profiles) {
         const Profile* earlier = before.profile(now.name);
-        if (now.state == (earlier ? earlier->state : 0)) continue;
+        if (now.state == (earlier != nullptr ? earlier->state : 0)) {
+            continue;
+        }
         placed.push_back(
             {now.position, {Change::Kind::profile_state, now.name, setting_none, now.state}});
     }
-    // A profile that is no longer registered is not connected either.
+    // A profile that is no longer registered counts as disconnected.
     for (const Profile& earlier : before.profiles) {
-        if (after.profile(earlier.name) || earlier.state == 0) continue;
+        if (after.profile(earlier.name) != nullptr || earlier.state == 0) {
+            continue;
+        }
         placed.push_back(
             {position_absent, {Change::Kind::profile_state, earlier.name, setting_none, 0}});
     }
@@ -52,7 +61,9 @@ std::vector<Change> changes_between(const State& before, const State& after) {
     });
     std::vector<Change> changes;
     changes.reserve(placed.size());
-    for (Placed& entry : placed) changes.push_back(std::move(entry.second));
+    for (Placed& entry : placed) {
+        changes.push_back(std::move(entry.second));
+    }
     return changes;
 }
 

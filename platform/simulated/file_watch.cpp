@@ -25,26 +25,28 @@ FileWatch::FileWatch(std::string path, std::function<void()> on_new)
         return;
     }
     follow();
-    source_ = g_unix_fd_source_new(inotify_.get(), G_IO_IN);
-    // GLib's own cast: the source calls this type back through a plain one.
-    g_source_set_callback(source_, G_SOURCE_FUNC(&FileWatch::dispatch), this, nullptr);
-    g_source_attach(source_, nullptr);
+    source_.reset(g_unix_fd_source_new(inotify_.get(), G_IO_IN));
+    // GLib's own cast: the source calls its function with this type's arguments.
+    g_source_set_callback(source_.get(), G_SOURCE_FUNC(&FileWatch::dispatch), this, nullptr);
+    g_source_attach(source_.get(), nullptr);
 }
 
 FileWatch::~FileWatch() {
-    if (!source_) return;
-    g_source_destroy(source_);
-    g_source_unref(source_);
+    if (source_) {
+        g_source_destroy(source_.get());
+    }
 }
 
 gboolean FileWatch::dispatch(gint /*inotify*/, GIOCondition /*condition*/, gpointer self) {
     auto* watch = static_cast<FileWatch*>(self);
     Found found = watch->drain();
-    if (found.place) {
+    if (found.is_new_directory) {
         watch->follow();
-        found.content = watch->reaches_directory();
+        found.is_new_content = watch->reaches_directory();
     }
-    if (found.content) watch->on_new_();
+    if (found.is_new_content) {
+        watch->on_new_();
+    }
     return G_SOURCE_CONTINUE;
 }
 
@@ -64,16 +66,20 @@ FileWatch::Found FileWatch::drain() {
 }
 
 void FileWatch::take(const inotify_event& event, Found& found) const {
-    if (event.mask & IN_Q_OVERFLOW) found.place = true;
+    if ((event.mask & IN_Q_OVERFLOW) != 0) {
+        // Events were lost: look at everything again.
+        found.is_new_directory = true;
+    }
     for (const Watch& watch : watches_) {
-        if (watch.descriptor != event.wd || event.len == 0 || watch.awaited != event.name) continue;
-        (watch.is_last ? found.content : found.place) = true;
+        if (watch.descriptor == event.wd && event.len != 0 && watch.component == event.name) {
+            (watch.is_last ? found.is_new_content : found.is_new_directory) = true;
+        }
     }
 }
 
 /**
- * From the root down: what comes into being below a directory after the look at
- * it makes an event there.
+ * Watches each directory on the way to the file. From the root down, so that a
+ * directory created after its parent was looked at makes an event there.
  */
 void FileWatch::follow() {
     const std::vector<Watch> earlier = std::exchange(watches_, {});
@@ -95,7 +101,9 @@ void FileWatch::follow() {
         const bool is_kept =
             std::any_of(watches_.begin(), watches_.end(),
                         [&old](const Watch& watch) { return watch.descriptor == old.descriptor; });
-        if (!is_kept) inotify_rm_watch(inotify_.get(), old.descriptor);
+        if (!is_kept) {
+            inotify_rm_watch(inotify_.get(), old.descriptor);
+        }
     }
 }
 

@@ -1,9 +1,10 @@
 /**
- * Tells when a file has new content.
+ * Notices new content of a file.
  */
 #pragma once
 
-#include "descriptor.h"
+#include "base/glib_owned.h"
+#include "base/unique_fd.h"
 
 #include <functional>
 #include <string>
@@ -15,41 +16,39 @@
 namespace simulated_platform {
 
 /**
- * Watches a file through inotify(7), as a source of GLib's default main
- * context.
+ * Watches a file through inotify(7), as a source of GLib's default main context.
  *
- * What is watched is the file's directory, so that a file renamed over the old
- * one is seen too, and the directories that lead there, so that it may be made
- * later or anew. A file counts as new when it was closed after writing or moved
- * to its place, and when its directory came into being. Its removal does not
- * count, nor do a hard link and a mount over a directory.
+ * It watches the file's directory, so that a file renamed over the old one is
+ * noticed too, and that directory's ancestors, so that the directory may be
+ * created or replaced later. A file counts as new when it was closed after
+ * writing or moved into place, and when its directory appeared. Removing it does
+ * not count, and neither do a hard link and a mount over a directory.
  */
 class FileWatch {
 public:
     /**
      * @param path    absolute
-     * @param on_new  called by the main context, once for all that has piled up
-     *                since it ran last; it may read the file but not destroy
-     *                the watch
+     * @param on_new  called by the main context, once for everything since its
+     *                last call; it may read the file but not destroy the watch
      */
     FileWatch(std::string path, std::function<void()> on_new);
     ~FileWatch();
     FileWatch(const FileWatch&) = delete;
     FileWatch& operator=(const FileWatch&) = delete;
 
-    /** 0, or the errno(3) of what kept this from watching when it was made. */
+    /** 0, or the errno(3) value with which the watch could not be set up. */
     int error() const { return error_; }
 
 private:
     struct Watch {
         int descriptor;
-        /** The name in that directory that leads on to the file, or is its own. */
-        std::string awaited;
+        /** The next component of the file's path in that directory. */
+        std::string component;
         bool is_last;
     };
     struct Found {
-        bool content = false;
-        bool place = false;
+        bool is_new_content = false;
+        bool is_new_directory = false;
     };
 
     static gboolean dispatch(gint inotify, GIOCondition condition, gpointer self);
@@ -60,10 +59,10 @@ private:
 
     std::string path_;
     std::function<void()> on_new_;
-    Descriptor inotify_;
+    base::UniqueFd inotify_;
     int error_ = 0;
-    GSource* source_ = nullptr;
-    /** From the root down, as far as there are directories. */
+    base::Owned<GSource> source_;
+    /** From the root down, as far as the directories exist. */
     std::vector<Watch> watches_;
 };
 

@@ -1,5 +1,6 @@
 #include "log_file.h"
 
+#include "base/unique_fd.h"
 #include "paths.h"
 #include "platform_log.h"
 
@@ -21,9 +22,9 @@ namespace {
 constexpr std::size_t line_limit = 4096;
 constexpr long seconds_per_day = 86400;
 
-class KeptErrno {
+class ErrnoGuard {
 public:
-    ~KeptErrno() { errno = value_; }
+    ~ErrnoGuard() { errno = value_; }
 
 private:
     int value_ = errno;
@@ -36,8 +37,8 @@ struct Date {
 };
 
 /**
- * The Gregorian date, counted in years that begin in March: gmtime_r(3) takes a
- * lock that the interrupted code may hold.
+ * The Gregorian date, computed in years that begin in March. gmtime_r(3) takes a
+ * lock, which the code that a signal handler interrupts may hold.
  */
 Date date_of(long days_since_1970) {
     constexpr long days_per_era = 146097;
@@ -54,7 +55,7 @@ Date date_of(long days_since_1970) {
     return {year_of_era + era * 400 + (month <= 2 ? 1 : 0), month, day};
 }
 
-/** The number of bytes, at most what the line takes. */
+/** Returns the prefix's size, less than the line's. */
 std::size_t put_prefix(std::array<char, line_limit>& line, int priority, const char* tag) {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
@@ -72,14 +73,18 @@ std::size_t put_prefix(std::array<char, line_limit>& line, int priority, const c
     const int size =
         std::snprintf(line.data(), line.size(), "%04ld-%02d-%02dT%02ld:%02ld:%02ld.%03ldZ %s %s ",
                       date.year, date.month, date.day, second / 3600, second / 60 % 60, second % 60,
-                      now.tv_nsec / 1000000, name, tag ? tag : "-");
+                      now.tv_nsec / 1000000, name, tag != nullptr ? tag : "-");
     return std::min(static_cast<std::size_t>(std::max(size, 0)), line.size() - 1);
 }
 
-/** Makes one line of what stands there; gives its size with the line end. */
-std::size_t finish_line(std::array<char, line_limit>& line, std::size_t size, bool is_cut) {
-    if (is_cut) std::memcpy(&line[size - 3], "...", 3);
-    while (size > 0 && line[size - 1] == '\n') --size;
+/** Turns the text into one line. Returns its size with the newline. */
+std::size_t finish_line(std::array<char, line_limit>& line, std::size_t size, bool is_truncated) {
+    if (is_truncated) {
+        std::memcpy(&line[size - 3], "...", 3);
+    }
+    while (size > 0 && line[size - 1] == '\n') {
+        --size;
+    }
     std::replace(line.begin(), line.begin() + size, '\n', ' ');
     line[size] = '\n';
     return size + 1;
@@ -88,29 +93,37 @@ std::size_t finish_line(std::array<char, line_limit>& line, std::size_t size, bo
 }  // namespace
 
 LogFile::~LogFile() {
-    if (descriptor_ >= 0) close(descriptor_);
+    if (descriptor_ >= 0) {
+        close(descriptor_);
+    }
 }
 
 int LogFile::vprint(int priority, const char* tag, const char* format, std::va_list arguments) {
-    if (const int result = forced_result_) return result;
-    const KeptErrno kept;
+    if (const int result = forced_result_) {
+        return result;
+    }
+    const ErrnoGuard errno_guard;
     std::array<char, line_limit> line;
     const std::size_t start = put_prefix(line, priority, tag);
     // The analyzer does not see the va_start of a caller.
     // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
     const int wanted = std::vsnprintf(&line[start], line.size() - start, format, arguments);
-    if (wanted < 0) return -errno;
+    if (wanted < 0) {
+        return -errno;
+    }
     const std::size_t end = start + static_cast<std::size_t>(wanted);
     const std::size_t size =
         finish_line(line, std::min(end, line.size() - 1), end > line.size() - 1);
 
     const int descriptor = ready_descriptor();
-    if (descriptor < 0) return descriptor;
+    if (descriptor < 0) {
+        return descriptor;
+    }
     const ssize_t written = write(descriptor, line.data(), size);
     return written < 0 ? -errno : static_cast<int>(written);
 }
 
-// NOLINTNEXTLINE(cert-dcl50-cpp): printf's form, for whoever has no va_list.
+// NOLINTNEXTLINE(cert-dcl50-cpp): has printf's form, for callers without a va_list.
 int LogFile::print(int priority, const char* tag, const char* format, ...) {
     std::va_list arguments;
     va_start(arguments, format);
@@ -119,7 +132,7 @@ int LogFile::print(int priority, const char* tag, const char* format, ...) {
     return result;
 }
 
-/** Another process may have removed or renamed the file. */
+/** Whether the descriptor is the named file's: another process may have removed or renamed it. */
 bool LogFile::is_current(int descriptor) const {
     struct stat open_file {};
     struct stat named_file {};
@@ -129,32 +142,35 @@ bool LogFile::is_current(int descriptor) const {
 
 int LogFile::ready_descriptor() {
     int current = descriptor_;
-    if (current >= 0 && is_current(current)) return current;
-    const int fresh = open(path_, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-    if (fresh < 0) return -errno;
-    if (current < 0 && descriptor_.compare_exchange_strong(current, fresh)) return fresh;
-    // The number stays the same for good, so that a write that another thread is
-    // about to do never lands in a file that is not the log.
-    const bool is_replaced = dup3(fresh, current, O_CLOEXEC) >= 0;
-    const int error = errno;
-    close(fresh);
-    return is_replaced ? current : -error;
+    if (current >= 0 && is_current(current)) {
+        return current;
+    }
+    base::UniqueFd fresh(open(path_, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644));
+    if (!fresh) {
+        return -errno;
+    }
+    if (current < 0 && descriptor_.compare_exchange_strong(current, fresh.get())) {
+        return fresh.release();
+    }
+    // The descriptor's number never changes, so that a write that another thread is about to do
+    // cannot land in a file that is not the log.
+    return dup3(fresh.get(), current, O_CLOEXEC) >= 0 ? current : -errno;
 }
 
 namespace {
 
-/** Its destructor leaves the log open: others may write to it later at exit. */
-union LastingLog {
+/** Never destroys the log: other code may write to it later at exit. */
+union ImmortalLog {
     LogFile log;
-    constexpr LastingLog() : log(log_path) {}
+    constexpr ImmortalLog() : log(log_path) {}
     // NOLINTNEXTLINE(modernize-use-equals-default): a union's would be deleted.
-    ~LastingLog() {}
+    ~ImmortalLog() {}
 };
 
-LastingLog lasting_log;
+ImmortalLog immortal_log;
 
 }  // namespace
 
-LogFile& process_log() { return lasting_log.log; }
+LogFile& process_log() { return immortal_log.log; }
 
 }  // namespace simulated_platform

@@ -12,7 +12,7 @@ namespace simulated_platform {
  * Appends lines to a file, each with one write(2), so that lines of several
  * processes, threads and signal handlers never mix.
  *
- * The file is made when it is missing and its directory is there, also when it
+ * The file is created when it is missing and its directory exists, also when it
  * was removed or renamed since the last line. It stays open in between: closing
  * it after each line would wake up whoever watches the directory.
  */
@@ -25,27 +25,27 @@ public:
     LogFile& operator=(const LogFile&) = delete;
 
     /**
-     * Writes "TIME PRIORITY TAG MESSAGE" and a line end.
+     * Writes "TIME PRIORITY TAG MESSAGE" and a newline.
      *
-     * The time is UTC, ISO 8601 with milliseconds. Line ends at the end of the
-     * message are left out, those inside become blanks; a line of more than
-     * 4096 bytes is cut and ends in "...".
+     * The time is UTC, ISO 8601 with milliseconds. Newlines at the end of the
+     * message are dropped, others become blanks; a line of more than 4096 bytes
+     * is truncated and ends in "...".
      *
-     * Takes no lock, allocates nothing and keeps errno: besides vsnprintf(3),
-     * which glibc keeps reentrant for what needs no allocation (no
-     * floating-point or wide conversions, no huge widths), it calls only what
-     * signal-safety(7) lists or plain system calls.
+     * Takes no lock, allocates nothing and preserves errno: apart from
+     * vsnprintf(3), which in glibc is reentrant for conversions that need no
+     * allocation (not floating-point, wide or very wide ones), it calls only
+     * what signal-safety(7) lists, or plain system calls.
      *
      * @return the number of bytes written, or a negative errno(3) value
      */
     int vprint(int priority, const char* tag, const char* format, std::va_list arguments)
         __attribute__((format(printf, 4, 0)));
 
-    /** The same for the arguments themselves. */
+    /** The same with the arguments themselves. */
     int print(int priority, const char* tag, const char* format, ...)
         __attribute__((format(printf, 4, 5)));
 
-    /** From now on both only return this, until it is set to 0 again. */
+    /** Makes both functions return only this, without writing, until it is 0 again. */
     void force_result(int result) { forced_result_ = result; }
 
 private:
@@ -57,7 +57,7 @@ private:
     std::atomic<int> forced_result_{0};
 };
 
-/** The process's platform log. Usable from the first instruction to the last. */
+/** The process's platform log. Usable during static initialisation and at exit. */
 LogFile& process_log();
 
 }  // namespace simulated_platform

@@ -1,5 +1,5 @@
 /**
- * The network-connection service's work.
+ * The network-connection service.
  */
 #pragma once
 
@@ -13,12 +13,12 @@
 namespace simulated_platform {
 
 /**
- * Answers from a state, and keeps the clients, the walks and the callbacks.
+ * Answers from a state, and keeps the clients, iterators and callbacks.
  *
- * Handles are numbers that are never given twice, made to look like pointers:
- * one that is stale or comes from elsewhere is found to be unknown and is never
- * dereferenced. The member functions are those of network_connection.h; their
- * failures are negative errno(3) values.
+ * Handles are numbers that are never reused, disguised as pointers: a stale or
+ * foreign one is found to be unknown and is never dereferenced. The member
+ * functions are those of network_connection.h; failures are negative errno(3)
+ * values.
  */
 class Network {
 public:
@@ -44,7 +44,7 @@ public:
                                      connection_profile_state_changed_cb callback, void* user_data);
     int profile_unset_state_changed_cb(connection_profile_h profile);
 
-    /** Calls back whoever is registered at this moment for what changed. */
+    /** Runs the callbacks that are registered for the change. */
     void type_changed(const Change& change);
     void profile_changed(const Change& change);
 
@@ -54,7 +54,7 @@ private:
         connection_type_changed_cb callback;
         void* user_data;
     };
-    struct Walk {
+    struct Iterator {
         void* handle;
         void* client;
         std::vector<std::string> names;
@@ -75,8 +75,8 @@ private:
     const State& state_;
     std::uintptr_t last_handle_ = 0;
     std::vector<Client> clients_;
-    std::vector<Walk> walks_;
-    /** Every profile that a walk ever gave out. */
+    std::vector<Iterator> iterators_;
+    /** Every profile that an iterator ever returned. */
     std::vector<KnownProfile> profiles_;
 };
 

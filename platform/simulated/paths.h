@@ -1,5 +1,5 @@
 /**
- * Where the platform's files are on a device.
+ * The platform's files on a device.
  */
 #pragma once
 

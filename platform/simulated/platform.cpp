@@ -23,18 +23,28 @@ Platform::Platform(const std::string& path, LogFile& log)
 
 int Platform::get_value_string(int key, char** value) const {
     const State& state = store_.state();
-    if (const int result = state.result(Call::system_info_get_value_string)) return result;
-    if (!value || key != SYSTEM_INFO_KEY_FIRMWARE_VERSION) return -EINVAL;
-    if (!state.firmware) return -ENOENT;
+    if (const int result = state.result(Call::system_info_get_value_string)) {
+        return result;
+    }
+    if (value == nullptr || key != SYSTEM_INFO_KEY_FIRMWARE_VERSION) {
+        return -EINVAL;
+    }
+    if (!state.firmware) {
+        return -ENOENT;
+    }
     char* copy = strdup(state.firmware->c_str());
-    if (!copy) return -ENOMEM;
+    if (copy == nullptr) {
+        return -ENOMEM;
+    }
     *value = copy;
     return 0;
 }
 
 void Platform::loaded(const std::vector<Change>& changes) {
     log_.force_result(store_.state().result(Call::dlog_print));
-    for (const Change& change : changes) changed(change);
+    for (const Change& change : changes) {
+        changed(change);
+    }
 }
 
 void Platform::changed(const Change& change) {
@@ -57,7 +67,7 @@ void Platform::report(const std::string& line) {
 }
 
 Platform& process_platform() {
-    // Never destroyed: a program may release its clients as late as at exit.
+    // Never destroyed: a program may release its clients at exit.
     static Platform& platform = *new Platform(state_path, process_log());
     return platform;
 }

@@ -13,12 +13,12 @@
 
 namespace simulated_platform {
 
-/** For one thread, the one that runs GLib's default main context. */
+/** Must be used from one thread, the one that runs GLib's default main context. */
 class Platform {
 public:
     /**
      * @param path  the state file, absolute
-     * @param log   takes what is wrong with it, as standard error does; borrowed
+     * @param log   receives errors about it, as standard error does; borrowed
      */
     Platform(const std::string& path, LogFile& log);
     Platform(const Platform&) = delete;
@@ -27,7 +27,7 @@ public:
     Settings& settings() { return settings_; }
     Network& network() { return network_; }
 
-    /** As in system_information.h; failures are negative errno(3) values. */
+    /** See system_information.h. Failures are negative errno(3) values. */
     int get_value_string(int key, char** value) const;
 
 private:
@@ -41,7 +41,7 @@ private:
     Network network_;
 };
 
-/** The process's platform, which reads its state at the first call. */
+/** The process's platform. The first call reads the state. */
 Platform& process_platform();
 
 }  // namespace simulated_platform

@@ -4,7 +4,7 @@
 
 #include <cstdarg>
 
-// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl50-cpp): the platform's name and form.
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl50-cpp): the interface's name and form.
 int __dlog_print(int /*log_id*/, int priority, const char* tag, const char* format, ...) {
     std::va_list arguments;
     va_start(arguments, format);

@@ -1,5 +1,5 @@
 /**
- * The settings store's work.
+ * The settings store.
  */
 #pragma once
 
@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-/** What a change callback is given. */
-struct settings_keynode {
+/** The key and value that a change callback receives. The name is the interface's. */
+struct settings_keynode {  // NOLINT(readability-identifier-naming)
     std::string name;
     int type;
     int value;
@@ -18,7 +18,7 @@ struct settings_keynode {
 
 namespace simulated_platform {
 
-/** Reads keys of a state and keeps the watches on them. */
+/** Reads a state's keys and keeps the watches on them. */
 class Settings {
 public:
     explicit Settings(const State& state) : state_(state) {}
@@ -26,7 +26,7 @@ public:
     int watch(const char* key, vconf_callback_fn callback, void* user_data);
     int get_int(const char* key, int* value) const;
 
-    /** Calls back whoever watches the changed key, in the order of registration. */
+    /** Runs the callbacks that watch the changed key, in the order of registration. */
     void changed(const Change& change);
 
 private:

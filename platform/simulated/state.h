@@ -1,5 +1,5 @@
 /**
- * What the state file says, as plain data.
+ * The contents of the state file, as plain data.
  */
 #pragma once
 
@@ -13,19 +13,20 @@
 
 namespace simulated_platform {
 
-/** Setting type codes beside the integer's (SETTINGS_TYPE_INT, 41). */
+/** The type codes of settings, besides SETTINGS_TYPE_INT. */
 enum SettingType { setting_none = 0, setting_string = 42, setting_double = 43, setting_bool = 44 };
 
-/** The position of what the file does not name: after everything it does. */
+/** The position of what the file does not contain: after everything that it does. */
 constexpr int position_absent = INT_MAX;
 
 struct Setting {
     std::string key;
     int type = setting_none;
-    /** The value in one form per meaning, so that equal values have equal texts. */
+    /** The value in a normal form: equal values have equal texts. */
     std::string text;
     /** The value of an integer; 0 for another type. */
     int integer = 0;
+    /** The entry's place among all entries of the file. */
     int position = position_absent;
 };
 
@@ -37,7 +38,7 @@ struct Profile {
 };
 
 struct State {
-    /** In the order of the file, as the positions number it. */
+    /** In the order of the file. */
     std::vector<Setting> settings;
     int connection_type = 0;
     int connection_type_position = position_absent;
@@ -58,9 +59,9 @@ struct State {
 };
 
 /**
- * Reads a state file's text.
+ * Parses the text of a state file.
  *
- * @param reason  receives one line that says what is wrong when nothing is returned
+ * @param reason  receives one line about the first error when nothing is returned
  */
 std::optional<State> parse_state(std::string_view text, std::string& reason);
 

@@ -1,5 +1,5 @@
 /**
- * The state as the file last gave it.
+ * The last good state of a file.
  */
 #pragma once
 
@@ -14,13 +14,12 @@
 namespace simulated_platform {
 
 /**
- * Holds the last good state of a file and tells of its changes.
+ * Keeps the last good state of a file and reports its changes.
  *
- * Construction reads the file; from then on it is read whenever GLib's default
- * main context finds it new, and at no other time. A file that cannot be taken
- * is reported with one line and changes nothing; that it is missing is reported
- * once. While there never was a good
- * one, the state is the empty State.
+ * The file is read at construction and then whenever GLib's default main context
+ * notices new content. A file that cannot be used is reported with one line and
+ * changes nothing; a missing one is reported once. Before the first good one the
+ * state is the empty State.
  */
 class StateStore {
 public:
@@ -28,12 +27,10 @@ public:
     using Reporter = std::function<void(const std::string&)>;
 
     /**
-     * @param path       absolute
-     * @param on_load  called by the main context after every good reading, with
-     *                 the changes in order, if any; state() has the new state by
-     *                 then
-     * @param report     takes one line, without a line end, for the one who
-     *                   edits the file
+     * @param path     absolute
+     * @param on_load  called by the main context after each successful reading,
+     *                 with the changes in order; state() is the new one already
+     * @param report   receives one line, without a newline, about what is wrong
      */
     StateStore(std::string path, Listener on_load, Reporter report);
 
@@ -47,7 +44,7 @@ private:
     Listener on_load_;
     Reporter report_;
     State state_;
-    bool is_missing_known_ = false;
+    bool is_known_missing_ = false;
     FileWatch watch_;
 };
 

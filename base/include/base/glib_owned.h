@@ -12,6 +12,7 @@ namespace base {
 /** Frees each of GLib's types the way GLib wants it freed. */
 struct GlibFree {
     void operator()(char* text) const { g_free(text); }
+    void operator()(char** texts) const { g_strfreev(texts); }
     void operator()(GChecksum* checksum) const { g_checksum_free(checksum); }
     void operator()(GDir* directory) const { g_dir_close(directory); }
     void operator()(GError* error) const { g_error_free(error); }
@@ -23,7 +24,7 @@ struct GlibFree {
     void operator()(GVariantIter* iterator) const { g_variant_iter_free(iterator); }
 };
 
-/** An object or a text of GLib's, such as Owned<GError> or Owned<char>. */
+/** An object, text or null-terminated list of texts: Owned<GError>, Owned<char>, Owned<char*>. */
 template <typename Type>
 using Owned = std::unique_ptr<Type, GlibFree>;
 
