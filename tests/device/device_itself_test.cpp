@@ -47,7 +47,7 @@ TEST(DeviceItself, StartsOnceHoweverManyAskAndIsSetWhileItStarts) {
     EXPECT_EQ(device.command("exec dconf read /db/menu_widget/language"), "'it_IT'\n");
     EXPECT_TRUE(device.await("CONNECTION_TYPE_ETHERNET"));
     device.command("kill");
-    EXPECT_EQ(shell("pgrep -f '[a]d-device-supply " + device.home() + "'").output, "");
+    EXPECT_EQ(shell("pgrep -f '[a]d-device-init " + device.home() + "'").output, "");
 }
 
 TEST(DeviceItself, RefusesWhatItCannotDoInOneLine) {
