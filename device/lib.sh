@@ -19,3 +19,14 @@ enter_namespaces() {
     shift
     nsenter --target "$pid" --mount --pid --net --uts --root --wdns=/ -- "$@"
 }
+
+# ensure_root_mount COMMAND...: runs the command in place of this script if the root
+# directory, in a chroot, is not a mount point: no mount could be kept private there.
+# Binds it over /proc, which is one, where the mount namespace hides that from outside.
+ensure_root_mount() {
+    [ -e /proc/self ] && ! mountpoint -q / || return 0
+    # shellcheck disable=SC2016 # expanded by the inner shell
+    exec unshare --mount --propagation unchanged sh -c '
+        mount --make-private /proc && mount --rbind / /proc && mount --make-rprivate /proc &&
+        exec chroot /proc env -C "$0" "$@"' "$PWD" "$@"
+}
