@@ -35,7 +35,9 @@ if(ADAGENTD_SANITIZE)
 elseif(ADAGENTD_COVERAGE)
   # Atomic: threads share the counters, and forked processes add to the same files.
   add_compile_options(--coverage -fprofile-update=atomic)
-  add_link_options(--coverage)
+  add_link_options(--coverage -Wl,--wrap=_exit,--undefined=__wrap__exit)
+  add_library(coverage-exit STATIC ${CMAKE_SOURCE_DIR}/tests/support/coverage_exit.c)
+  link_libraries(coverage-exit)
 else()
   # For size: the daemon and its libraries are idle most of the time, and then cost a
   # small device nothing but their pages.
