@@ -1,4 +1,4 @@
-# What the builds have in common: the standard, the warnings, the hardening.
+# What all builds share: language standard, warnings, hardening.
 
 option(ADAGENTD_TESTS "Build the tests" ON)
 option(ADAGENTD_BENCH "Build the benchmarks" OFF)
@@ -19,7 +19,7 @@ set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 include(CheckPIESupported)
 check_pie_supported()
 
-# Everything lands in one folder, so that a build tree can be looked through.
+# All programs and libraries in one place, where devices and users find them.
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
 set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
 
@@ -33,12 +33,14 @@ if(ADAGENTD_SANITIZE)
                       -fno-sanitize-recover=all)
   add_link_options(-fsanitize=address,undefined)
 elseif(ADAGENTD_COVERAGE)
-  # Atomic, since the counters of forked and threaded programs are merged.
+  # Atomic: threads share the counters, and forked processes add to the same files.
   add_compile_options(--coverage -fprofile-update=atomic)
-  add_link_options(--coverage)
+  add_link_options(--coverage -Wl,--wrap=_exit,--undefined=__wrap__exit)
+  add_library(coverage-exit STATIC ${CMAKE_SOURCE_DIR}/tests/support/coverage_exit.c)
+  link_libraries(coverage-exit)
 else()
-  # For size: the daemon and its libraries wait most of their lives, and their
-  # pages are what they cost a small device meanwhile.
+  # For size: the daemon and its libraries are idle most of the time, and then cost a
+  # small device nothing but their pages.
   set(CMAKE_C_FLAGS_RELEASE "-Os -DNDEBUG")
   set(CMAKE_CXX_FLAGS_RELEASE "-Os -DNDEBUG")
   add_compile_options(-U_FORTIFY_SOURCE "$<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>"

@@ -1,17 +1,17 @@
 #!/bin/bash
-# A device on the services of a Linux box, real ones in namespaces of their own
-# (linux-services): dconf, NetworkManager with a cable, journald, and os-release.
-# Sourced by ad-device and ad-device-supply, which set $device, $build and $here.
+# A device on real services in namespaces of their own (linux-services): dconf,
+# NetworkManager with a cable, journald; and on os-release. Sourced by ad-device and
+# ad-device-init, which set $device, $build and $here.
 # shellcheck disable=SC2154
 
-# What outlasts a boot: dconf's database, the connections, os-release, and
-# whether the cable is plugged in.
+# What survives a reboot: dconf's database, the connections, os-release, and whether
+# the cable is plugged in.
 platform_kept() { echo "$device/linux"; }
 
 platform_library() { echo "$build/lib/linux/libad-platform.so.1"; }
 platform_namespaces() { echo --net --uts; }
 platform_environment() { "$here/linux-services" environment; }
-# At the cable's other end, which is another host: gone when the cable is.
+# On another host at the far end of the cable, out of reach when that is unplugged.
 platform_host() { echo 10.9.0.1; }
 platform_serve() { nsenter --net=/run/netns/far "$@" --bind 0.0.0.0; }
 
@@ -19,7 +19,7 @@ platform_requires() {
     local program
     for program in dbus-daemon dbus-run-session dconf ip NetworkManager nmcli; do
         command -v "$program" >/dev/null ||
-            fail "the Linux platform needs $program; tools/install-packages cmake/packages-linux.txt installs it"
+            fail "the Linux platform requires $program; run tools/install-packages cmake/packages-linux.txt"
     done
 }
 
@@ -29,7 +29,7 @@ platform_install() {
     mkdir -p "$kept/config" "$kept/system-connections"
     echo down >"$kept/cable"
     (
-        # NetworkManager takes no connection that others may read.
+        # NetworkManager ignores a connection file that other users can read.
         umask 077
         cat >"$kept/system-connections/wired.nmconnection" <<'TEXT'
 [connection]
@@ -67,52 +67,50 @@ platform_power() {
     "$here/linux-services" start
 }
 
-# In those of the daemon alone. /run is the services' already.
+# In the daemon's own mount namespace. /run is the services'.
 platform_mounts() {
     mount --bind "$(platform_kept)/os-release" /etc/os-release
 }
 
-# Runs a command where the services are, once they are there.
+is_powered_or_off() { [ -e "$device/run/powered" ] || is_off; }
+
+# Runs a command among the services, once they are up.
 with_services() {
-    local tries pid
-    for ((tries = 0; tries < 500; tries++)); do
-        holder >/dev/null || fail "the device is off"
-        [ ! -e "$device/run/powered" ] || break
-        sleep 0.02
-    done
-    pid=$(supply) || fail "the device is off"
+    local pid
+    wait_until 10 is_powered_or_off || fail "the services did not start within 10 s"
+    pid=$(init_pid) || fail "the device is off"
     eval "$(platform_environment)"
-    nsenter --target "$pid" --mount --net --uts --pid --wd=/ "$@"
+    enter_namespaces "$pid" "$@"
 }
 
-# Through the device's own bus while it is on, else through one for the moment.
+# Over the device's own bus while it is on, otherwise over a temporary one.
 write_setting() {
-    local scratch said status=0
-    if holder >/dev/null; then
-        said=$(with_services dconf write "$@" 2>&1) || fail "dconf write $1: ${said%%$'\n'*}"
+    local scratch output status=0
+    if ! is_off; then
+        output=$(with_services dconf write "$@" 2>&1) || fail "dconf write $1: ${output%%$'\n'*}"
         return
     fi
     scratch=$(mktemp -d "$device/run/settings.XXXXXX")
-    said=$(env -u DBUS_SESSION_BUS_ADDRESS XDG_CONFIG_HOME="$(platform_kept)/config" \
+    output=$(env -u DBUS_SESSION_BUS_ADDRESS XDG_CONFIG_HOME="$(platform_kept)/config" \
         XDG_CACHE_HOME="$scratch" XDG_RUNTIME_DIR="$scratch" \
         dbus-run-session -- dconf write "$@" 2>&1) || status=$?
     rm -rf "$scratch"
-    [ $status = 0 ] || fail "dconf write $1: ${said##*$'\n'}"
+    [ $status = 0 ] || fail "dconf write $1: ${output##*$'\n'}"
 }
 
 set_network() {
     case $1 in
         up | down) ;;
-        *) misused "set network: up or down, not '$1': this platform's device has a cable only" ;;
+        *) misused "set network: up or down, not '$1': a device on this platform only has a cable" ;;
     esac
     echo "$1" >"$(platform_kept)/cable"
-    ! holder >/dev/null || with_services ip -n far link set far0 "$1"
+    is_off || with_services ip -n far link set far0 "$1"
 }
 
 set_consent() { write_setting /db/menu/kelo_home/homedatacontrol/defaultdisclaimeragree "$1"; }
 set_language() { write_setting /db/menu_widget/language "'$1'"; }
-# In place, since a running device has the file bound.
+# In place: a running device has the file bind-mounted.
 set_firmware() { printf 'NAME="A television"\nIMAGE_VERSION=%s\n' "$1" >"$(platform_kept)/os-release"; }
-set_result() { fail "set result: only the simulated platform can be made to fail"; }
+set_result() { fail "set result: only the simulated platform can fail calls"; }
 
 firmware_version() { sed -n 's/^IMAGE_VERSION=//p' "$(platform_kept)/os-release"; }

@@ -1,6 +1,6 @@
 #!/bin/bash
-# A device on the simulated platform: what it tells the daemon is one key file.
-# Sourced by ad-device and ad-device-supply, which set $device, $build and $here.
+# A device on the simulated platform, whose state is one key file. Sourced by
+# ad-device and ad-device-init, which set $device, $build and $here.
 # shellcheck disable=SC2154
 
 platform_library() { echo "$build/lib/libad-platform.so.1"; }
@@ -18,7 +18,7 @@ platform_mounts() {
 platform_install() {
     mkdir -p "$device/opt/platform"
     cat >"$device/opt/platform/state.ini" <<'TEXT'
-# What the platform tells the daemon. Edit it by hand or with `ad-device set`;
+# What the platform reports to the daemon. Edit it by hand or with `ad-device set`;
 # docs/simulated-platform.md explains every key.
 [settings]
 db/menu/kelo_home/homedatacontrol/defaultdisclaimeragree=int:0
@@ -55,7 +55,7 @@ firmware=T-1200.1
 TEXT
 }
 
-# edit SECTION KEY VALUE [SECTION KEY VALUE...]: all of them land at once.
+# edit SECTION KEY VALUE [SECTION KEY VALUE...]: changes all of them at once.
 edit() {
     local file=$device/opt/platform/state.ini
     cp "$file" "$file.new"
