@@ -26,7 +26,7 @@ enum platform_log_priority { PLATFORM_LOG_NORMAL = 2, PLATFORM_LOG_ERROR = 16 };
  * May be called from any thread and from a signal handler.
  */
 /* The name is the platform's.
-   NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp) */
+   NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl*,readability-identifier-naming) */
 int __dlog_print(int log_id, int priority, const char* tag, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 

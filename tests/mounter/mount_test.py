@@ -5,7 +5,7 @@ import os
 
 import pytest
 
-from device import MOUNT, POINT, SOURCE, STORED, UMOUNT
+from device import MOUNT, SOURCE, STORED, UMOUNT
 from supervisor import LOOP_CONFIGURE, run_and_disturb, run_without, supervise
 
 kinds = pytest.mark.parametrize("kind", ["squashfs", "erofs"])

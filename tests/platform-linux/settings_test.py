@@ -1,6 +1,5 @@
 """The settings store on dconf, written with dconf(1)."""
 
-import os
 import socket
 import threading
 
