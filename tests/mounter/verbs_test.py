@@ -280,7 +280,8 @@ def test_process_is_confined_and_in_order_before_anything_is_touched(empty_devic
             assert os.readlink(f"{process}/cwd") == device.root
         if confined and call.name in WITH_PATH:
             for name, expected in {"CapPrm": CAPABILITIES[scenario.words[0]], "CapInh": 0,
-                                   "CapEff": CAPABILITIES[scenario.words[0]], "CapAmb": 0}.items():
+                                   "CapEff": CAPABILITIES[scenario.words[0]], "CapAmb": 0,
+                                   "CapBnd": 0}.items():
                 assert int(status_field(call.process, name), 16) == expected, name
             assert status_field(call.process, "NoNewPrivs") == "1"
             assert status_field(call.process, "Seccomp_filters") == "2"
