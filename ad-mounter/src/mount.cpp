@@ -105,20 +105,10 @@ Outcome check_attached(const OpenImage& image, const Target& target) {
 Outcome replace_mount(const OpenImage& image, const Target& target) {
     PreparedMount prepared;
     TRY(prepare_mount({image.fd.get(), image.status, image.verified.type}, image.path, prepared));
-    if (prepared.detached) {
-        TRY(check_manifest(prepared.detached.get(), image.path, image.verified.version));
-    }
+    TRY(check_manifest(prepared.detached.get(), image.path, image.verified.version));
     // Not before the new image is known to be good.
     TRY(unmount_ours(target, &image.status));
-    TRY(attach_checked(prepared, image.status, target));
-    if (prepared.detached) {
-        return {};
-    }
-    const Outcome checked = check_attached(image, target);
-    if (!checked.ok()) {
-        (void)unmount_top(target);
-    }
-    return checked;
+    return attach_checked(prepared, image.status, target);
 }
 
 }  // namespace

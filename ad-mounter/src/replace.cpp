@@ -79,7 +79,7 @@ Outcome copy_download(const Download& download, AtomicFile& file, const char* pa
 }
 
 // Verifies the file that becomes the stored image. Its manifest is read from a mount that is
-// not attached; without such mounts, --mount compares the version.
+// not attached.
 Outcome verify_stored(int fd, const char* path) {
     VerifiedImage image;
     TRY(verify_image(fd, path, image));
@@ -89,8 +89,7 @@ Outcome verify_stored(int fd, const char* path) {
     }
     PreparedMount prepared;
     TRY(prepare_mount(file, path, prepared));
-    return prepared.detached ? check_manifest(prepared.detached.get(), path, image.version)
-                             : Outcome();
+    return check_manifest(prepared.detached.get(), path, image.version);
 }
 
 Outcome install_download(const Download& download, const Target& target, const Operation& operation,

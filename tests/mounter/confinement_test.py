@@ -11,8 +11,8 @@ import struct
 
 import pytest
 
-from device import (COPY_LIBRARY, COPY_TREE, CREATE_MANIFEST, LIB, LIBC, MOUNT, POINT,
-                    REMOVE_RESOURCES, REPLACE, RES, SOURCE, STORED, TOOL, UMOUNT)
+from device import (COPY_LIBRARY, COPY_TREE, CREATE_MANIFEST, LIB, LIBC, MOUNT,
+                    REMOVE_RESOURCES, REPLACE, RES, STORED, TOOL, UMOUNT)
 from supervisor import LOOP_CONFIGURE, LOOP_CTL_GET_FREE, SECCOMP, run_and_disturb, supervise
 
 CREATE = ["--create", "create_path_usr_lib"]

@@ -1,12 +1,14 @@
 """Mounting and unmounting the stored image."""
 
 import errno
+import fcntl
 import os
+import pathlib
 
 import pytest
 
-from device import MOUNT, SOURCE, STORED, UMOUNT
-from supervisor import LOOP_CONFIGURE, run_and_disturb, run_without, supervise
+from device import DOWNLOAD, MOUNT, REPLACE, SOURCE, STORED, UMOUNT
+from supervisor import LOOP_CONFIGURE, NEWER_CALLS, run_and_disturb, run_without, supervise
 
 kinds = pytest.mark.parametrize("kind", ["squashfs", "erofs"])
 
@@ -80,17 +82,54 @@ def test_undoes_the_mount_when_the_mount_point_changes_meanwhile(device, kind):
 
 
 @kinds
-@pytest.mark.parametrize("missing", [["fsopen"], ["symlinkat"],
-                                     ["fsopen", "openat2", "close_range"]])
+@pytest.mark.parametrize("missing", [["fsopen"], ["fsconfig"], ["fsmount"], ["symlinkat"],
+                                     ["LOOP_CONFIGURE", "symlinkat"], NEWER_CALLS])
 def test_works_without_newer_calls(device, kind, missing):
-    device.put(STORED, device.image("1.0", kind))
+    device.put(DOWNLOAD, device.image("1.0", kind))
+    run_without(device, REPLACE, missing).expect(0)
+    # Mounts nothing more for an image that says something else than its signature.
+    device.put(DOWNLOAD, device.maker.signed_image(device.file_system("1.0", kind), "2.0"))
+    run_without(device, REPLACE, missing).expect(65)
+    assert device.read(STORED) == device.image("1.0", kind)
+    device.expect_clean()
     run_without(device, MOUNT, missing).expect(0)
     before = device.mounts()
     device.run(MOUNT).expect(0)
     assert device.mounts() == before
     expect_mounted(device, "1.0")
+    device.put(STORED, device.maker.signed_image(device.file_system("1.0", kind), "2.0"))
+    run_without(device, MOUNT, missing).expect(65)
+    assert device.mounts() == before
     run_without(device, UMOUNT, missing).expect(0)
     device.expect_clean()
+
+
+@kinds
+def test_clears_what_a_killed_run_left_without_newer_calls(device, kind):
+    device.put(STORED, device.image("1.0", kind))
+    device.sh("mkdir -p run/ad-mounter/image && chmod 700 run/ad-mounter"
+              " && mount -t tmpfs left run/ad-mounter/image")
+    run_without(device, MOUNT, NEWER_CALLS).expect(0)
+    expect_mounted(device, "1.0")
+    assert not device.exists("/run/ad-mounter/image")
+
+
+def loop_information(device):
+    """Of the only loop device: read-only, autoclear, offset, size limit, name of its file."""
+    name = os.path.basename(device.loop_devices()[0])
+    directory = pathlib.Path("/sys/block", name)
+    values = [(directory / file).read_text(encoding="utf-8").strip() for file in
+              ("ro", "loop/autoclear", "loop/offset", "loop/sizelimit", "loop/backing_file")]
+    with open(f"/dev/{name}", "rb") as loop:
+        status = fcntl.ioctl(loop, 0x4c05, bytes(232))
+    return values, status[56:56 + 64].rstrip(b"\0").decode()
+
+
+@pytest.mark.parametrize("missing", [[], ["LOOP_CONFIGURE"], NEWER_CALLS])
+def test_loop_device_is_the_same_without_newer_calls(device, missing):
+    device.put(STORED, device.image("1.0"))
+    run_without(device, MOUNT, missing).expect(0)
+    assert loop_information(device) == (["1", "1", "0", "0", device.at(STORED)], STORED)
 
 
 @pytest.mark.parametrize("command, status", [

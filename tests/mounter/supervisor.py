@@ -29,8 +29,13 @@ WITH_DESCRIPTOR = {"write", "fsync", "syncfs", "fsopen", "fsconfig", "fsmount", 
 # Where the paths are among the arguments; second for most.
 PATHS = {"renameat": (1, 3), "renameat2": (1, 3), "linkat": (1, 3), "symlinkat": (0, 2),
          "mount": (0, 1), "umount2": (0,), "move_mount": (1, 3)}
-WATCHED = {"prlimit64", "umask", "close_range", "capget", "capset", "prctl", "seccomp", "setresuid", "setitimer",
-           "lseek", "pread64", "exit_group", "landlock_create_ruleset", "landlock_restrict_self"}
+WATCHED = {"prlimit64", "umask", "close_range", "capget", "capset", "prctl", "seccomp", "setresuid",
+           "setitimer", "lseek", "pread64", "exit_group", "landlock_create_ruleset",
+           "landlock_add_rule", "landlock_restrict_self", "clone3", "statx"}
+# What Linux 4.19 lacks.
+NEWER_CALLS = ["openat2", "fsopen", "fsconfig", "fsmount", "move_mount", "close_range", "clone3",
+               "landlock_create_ruleset", "landlock_add_rule", "landlock_restrict_self",
+               "LOOP_CONFIGURE"]
 READING = {"openat2", "newfstatat", "fsopen", "read", "getdents64", "fchdir", "flock", "fstatfs"}
 
 # Of the calls that come in great numbers: argument and value.
@@ -144,8 +149,13 @@ def supervise(device, words, decide, before_exec=lambda: None):
 
 
 def run_without(device, words, calls, error=errno.ENOSYS, before_exec=lambda: None):
-    """Runs the tool with these calls failing."""
-    return supervise(device, words, lambda call: error if call.name in calls else 0, before_exec)
+    """Runs the tool with these calls failing. LOOP_CONFIGURE, an ioctl(2), fails with EINVAL."""
+    def decide(call):
+        if call.name == "ioctl" and call.arguments[1] == LOOP_CONFIGURE:
+            return errno.EINVAL if "LOOP_CONFIGURE" in calls else 0
+        return error if call.name in calls else 0
+
+    return supervise(device, words, decide, before_exec)
 
 
 def run_and_disturb(device, words, when, command):
