@@ -148,12 +148,13 @@ constexpr AllowedCall allowed_calls[] = {
     {SYS_sendfile, replacing | copying},
     {SYS_sendfile64, replacing | copying},
     {SYS_arm_sync_file_range, replacing | copying},
+    {SYS_sigreturn, every_verb},
     {SYS_mmap2, every_verb, Rule::data_memory},
     {SYS_futex_time64, every_verb},
     {SYS_clock_gettime64, every_verb},
     {SYS_clock_nanosleep_time64, every_verb},
 #endif
-#ifdef __x86_64__
+#ifdef SYS_readlink
     {SYS_readlink, every_verb},
 #endif
 #ifdef __SANITIZE_ADDRESS__
