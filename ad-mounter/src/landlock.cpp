@@ -27,9 +27,11 @@ constexpr uint64_t restricted = changing | LANDLOCK_ACCESS_FS_EXECUTE |
                                 LANDLOCK_ACCESS_FS_MAKE_CHAR | LANDLOCK_ACCESS_FS_MAKE_BLOCK |
                                 LANDLOCK_ACCESS_FS_MAKE_FIFO | LANDLOCK_ACCESS_FS_MAKE_SOCK;
 
-// What a copy is read from, and what that source is verified with.
-constexpr const char* source_directories[] = {detail::mount_point, detail::image_store,
-                                              "/usr/lib/ad-mounter", "/dev"};
+// Mounts and descriptors, public keys and the name of the product: nothing secret.
+constexpr const char* readable[] = {"/proc", "/usr/lib/ad-mounter"};
+
+// A copy's source, and what is behind it.
+constexpr const char* sources[] = {detail::mount_point, detail::image_store, "/dev"};
 
 // Opens `path` or, where it is missing, the deepest directory on the way to it that exists.
 int open_existing(const char* path) {
@@ -94,7 +96,7 @@ Outcome allow_operation(Ruleset& ruleset, const Operation& operation) {
     changed_directory(operation.target, directory);
     TRY(ruleset.allow(directory, operation.target, changing));
     if (operation.verb == Verb::copy_library || operation.verb == Verb::copy_tree) {
-        for (const char* path : source_directories) {
+        for (const char* path : sources) {
             TRY(ruleset.allow(path, path, reading));
         }
     }
@@ -110,7 +112,9 @@ Outcome restrict_paths(const Operation& request) {
                    ? Outcome()
                    : Outcome::failed(EX_OSERR, "restrict", "access to paths", errno);
     }
-    TRY(ruleset.allow("/proc", "/proc", reading));
+    for (const char* path : readable) {
+        TRY(ruleset.allow(path, path, reading));
+    }
     TRY(ruleset.allow(run_directory, run_directory, changing));
     for (const Operation& operation : operations) {
         if (same_request(operation, request)) {

@@ -56,8 +56,9 @@ constexpr VerbSet replacing = set_of(Verb::replace_image);
 constexpr VerbSet copying_tree = set_of(Verb::copy_tree);
 constexpr VerbSet copying = set_of(Verb::copy_library) | copying_tree;
 constexpr VerbSet preparing_mounts = mounting | replacing;
-constexpr VerbSet writing = set_of(Verb::create) | set_of(Verb::remove) | replacing | copying;
-constexpr VerbSet every_verb = writing | mounting | unmounting;
+constexpr VerbSet writing =
+    set_of(Verb::create) | set_of(Verb::remove) | preparing_mounts | copying;
+constexpr VerbSet every_verb = writing | unmounting;
 
 struct AllowedCall {
     int number;
@@ -85,9 +86,9 @@ constexpr AllowedCall allowed_calls[] = {
     {SYS_fdatasync, every_verb},
     {SYS_syncfs, every_verb},
     {SYS_mkdirat, every_verb},
-    {SYS_fchdir, mounting | unmounting | replacing},
+    {SYS_fchdir, preparing_mounts | unmounting},
     {SYS_fchmod, writing},
-    {SYS_unlinkat, writing | mounting},
+    {SYS_unlinkat, writing},
     {SYS_renameat, writing},
     {SYS_renameat2, writing},
     {SYS_linkat, replacing},
