@@ -1,14 +1,18 @@
 """Mounting and unmounting the stored image."""
 
+import contextlib
 import errno
 import fcntl
 import os
 import pathlib
+import struct
 
 import pytest
 
 from device import DOWNLOAD, MOUNT, REPLACE, SOURCE, STORED, UMOUNT
 from supervisor import LOOP_CONFIGURE, NEWER_CALLS, run_and_disturb, run_without, supervise
+
+LOOP_SET_STATUS64, LOOP_GET_STATUS64, LOOP_CHANGE_FD = 0x4c04, 0x4c05, 0x4c06
 
 kinds = pytest.mark.parametrize("kind", ["squashfs", "erofs"])
 
@@ -114,22 +118,54 @@ def test_clears_what_a_killed_run_left_without_newer_calls(device, kind):
     assert not device.exists("/run/ad-mounter/image")
 
 
+@contextlib.contextmanager
+def open_loop_device(device):
+    """The only loop device, and what it reports: a loop_info64."""
+    with open(device.loop_devices()[0], "rb") as loop:
+        yield loop, bytearray(fcntl.ioctl(loop, LOOP_GET_STATUS64, bytes(232)))
+
+
 def loop_information(device):
-    """Of the only loop device: read-only, autoclear, offset, size limit, name of its file."""
-    name = os.path.basename(device.loop_devices()[0])
-    directory = pathlib.Path("/sys/block", name)
-    values = [(directory / file).read_text(encoding="utf-8").strip() for file in
-              ("ro", "loop/autoclear", "loop/offset", "loop/sizelimit", "loop/backing_file")]
-    with open(f"/dev/{name}", "rb") as loop:
-        status = fcntl.ioctl(loop, 0x4c05, bytes(232))
-    return values, status[56:56 + 64].rstrip(b"\0").decode()
+    """Read-only, autoclear, offset, size limit, backing file, and the name that it goes by."""
+    with open_loop_device(device) as (loop, status):
+        directory = pathlib.Path("/sys/block", os.path.basename(loop.name))
+        return [(directory / file).read_text(encoding="utf-8").strip() for file in
+                ("ro", "loop/autoclear", "loop/offset", "loop/sizelimit", "loop/backing_file")
+                ] + [status[56:120].rstrip(b"\0").decode()]
 
 
 @pytest.mark.parametrize("missing", [[], ["LOOP_CONFIGURE"], NEWER_CALLS])
 def test_loop_device_is_the_same_without_newer_calls(device, missing):
     device.put(STORED, device.image("1.0"))
     run_without(device, MOUNT, missing).expect(0)
-    assert loop_information(device) == (["1", "1", "0", "0", device.at(STORED)], STORED)
+    assert loop_information(device) == ["1", "1", "0", "0", device.at(STORED), STORED]
+
+
+# Where in a loop_info64, and what: another file, an offset, a size limit, no autoclear.
+@pytest.mark.parametrize("change", [None, (24, 4096), (32, 4096), (52, 1)])
+@pytest.mark.parametrize("missing", [[], ["LOOP_CONFIGURE"]])
+def test_loop_device_that_another_process_changes_is_not_used(device, change, missing):
+    device.put(STORED, device.image("1.0"))
+    device.sh("cp $stored stage/other")
+    changed, other = [], device.at("/stage/other")
+
+    def decide(call):
+        if call.name != "ioctl":
+            return 0
+        if call.arguments[1] == LOOP_GET_STATUS64 and not changed:
+            with open_loop_device(device) as (loop, status), open(other, "rb") as file:
+                changed.append(loop.name)
+                if change is None:
+                    fcntl.ioctl(loop, LOOP_CHANGE_FD, file.fileno())
+                else:
+                    struct.pack_into("<I", status, *change)
+                    fcntl.ioctl(loop, LOOP_SET_STATUS64, status)
+        return errno.EINVAL if call.arguments[1] == LOOP_CONFIGURE and missing else 0
+
+    supervise(device, MOUNT, decide).expect(0)
+    assert changed
+    device.expect_clean(1)
+    assert loop_information(device) == ["1", "1", "0", "0", device.at(STORED), STORED]
 
 
 @pytest.mark.parametrize("command, status", [

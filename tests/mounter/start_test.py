@@ -13,8 +13,8 @@ import pytest
 
 from device import (AGENT_LIBRARY, CACHE_MANIFEST, COPY_LIBRARY, COPY_TREE, CREATIONS, DATA,
                     DOWNLOAD, LIB, LIBC, MOUNT, MOUNTED_LIBRARY, PLAYER_LIBRARY, POINT,
-                    REMOVE_RESOURCES, REPLACE, RES, SOURCE, STORED, TOOL, UMOUNT, pass_on_capability,
-                    status_field)
+                    REMOVE_RESOURCES, REPLACE, RES, SOURCE, STORED, TOOL, UMOUNT,
+                    pass_on_capability, status_field)
 from supervisor import PR_CAPBSET_DROP, PR_SET_NO_NEW_PRIVS, run_without, supervise
 
 HAS_LANDLOCK = LIBC.syscall(444, 0, 0, 1) > 0  # landlock_create_ruleset(2): its version

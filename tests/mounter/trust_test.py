@@ -9,7 +9,7 @@ import pytest
 
 from device import (DOWNLOAD, FLOOR, KEYS, MOUNT, PRODUCT, REMOVE_IMAGE, REPLACE, STORED, UMOUNT)
 from maker import Maker
-from supervisor import run_without, supervise
+from supervisor import supervise
 
 kinds = pytest.mark.parametrize("kind", ["squashfs", "erofs"])
 
