@@ -11,7 +11,7 @@ import struct
 
 import pytest
 
-from device import (COPY_LIBRARY, COPY_TREE, CREATE_MANIFEST, LIB, LIBC, MOUNT,
+from device import (COPY_LIBRARY, COPY_TREE, CREATE_MANIFEST, DOWNLOAD, LIB, LIBC, MOUNT,
                     REMOVE_RESOURCES, REPLACE, RES, STORED, TOOL, UMOUNT)
 from supervisor import LOOP_CONFIGURE, LOOP_CTL_GET_FREE, SECCOMP, run_and_disturb, supervise
 
@@ -128,6 +128,26 @@ def test_filter_allows_exactly_the_listed_calls(empty_device):
     assert allowed == expected.splitlines()
 
 
+@pytest.mark.skipif(platform.machine() != "x86_64", reason="needs int 0x80")
+def test_filter_kills_calls_of_another_architecture(empty_device):
+    code = mmap.mmap(-1, 4096, prot=mmap.PROT_READ | mmap.PROT_WRITE | mmap.PROT_EXEC)
+    # mov eax, 20; int 0x80; ret: i386's getpid, by the number of an allowed call.
+    code.write(b"\xb8\x14\0\0\0\xcd\x80\xc3")
+    getpid = ctypes.CFUNCTYPE(ctypes.c_int)(ctypes.addressof(ctypes.c_char.from_buffer(code)))
+
+    def call(*programs):
+        pid = os.fork()
+        if pid == 0:
+            for program in programs:
+                install(program)
+            os._exit(getpid() != os.getpid())
+        return os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1])
+
+    if call() != 0:
+        pytest.skip("the kernel has no calls of i386")
+    assert call(filter_of(empty_device, CREATE)) == -signal.SIGSYS
+
+
 @pytest.mark.skipif(LIBC.syscall(444, 0, 0, 1) <= 0, reason="needs Landlock")
 @pytest.mark.parametrize("words, directory", [
     (CREATE, "/opt/usr"), (CREATE_MANIFEST, "/opt/usr/apps"), (REMOVE, "/opt/usr"),
@@ -149,3 +169,16 @@ def test_cannot_change_directories_of_others(device, words, directory):
                              " && find stage/new -xdev > stage/list")
     assert "Permission denied" in result.expect(77).err
     device.sh("find stage/new -xdev | cmp - stage/list")
+
+
+@pytest.mark.parametrize("words, leftover", [
+    (CREATE, "/opt/usr/.lib.ad-mounter"), (CREATE_MANIFEST, "/opt/usr/apps/.adagent.ad-mounter"),
+    (COPY_LIBRARY, "/opt/usr/.lib.ad-mounter"),
+    (REPLACE, "/opt/down/zels/.zelADAgent_img.ad-mounter")])
+def test_may_clear_what_a_killed_run_left_beside_a_parent(device, words, leftover):
+    device.put(STORED, device.image("1.0"))
+    device.put(DOWNLOAD, device.image("1.0"))
+    device.run(MOUNT).expect(0)
+    device.sh(f"mkdir .{leftover}")
+    device.run(words).expect(0)
+    assert not device.exists(leftover)
