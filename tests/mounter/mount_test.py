@@ -228,15 +228,18 @@ def test_does_not_mount_over_a_foreign_mount(device, kind, command, left):
 
 
 @pytest.mark.parametrize("error, times, status", [(errno.EBUSY, 5, 0), (errno.EAGAIN, 1000, 75)])
-def test_retries_busy_loop_devices_for_a_limited_time(device, error, times, status):
+@pytest.mark.parametrize("request_code", [LOOP_CONFIGURE, LOOP_SET_STATUS64])
+def test_retries_busy_loop_devices_for_a_limited_time(device, request_code, error, times, status):
     device.put(STORED, device.image("1.0"))
     failures = []
 
     def decide(call):
-        if call.name == "ioctl" and call.arguments[1] == LOOP_CONFIGURE and len(failures) < times:
+        if call.name == "ioctl" and call.arguments[1] == request_code and len(failures) < times:
             failures.append(call)
             return error
-        return 0
+        missing = call.name == "ioctl" and call.arguments[1] == LOOP_CONFIGURE != request_code
+        return errno.EINVAL if missing else 0
 
     supervise(device, MOUNT, decide).expect(status)
     assert 5 <= len(failures) <= 100
+    device.expect_clean(1 if status == 0 else 0)
