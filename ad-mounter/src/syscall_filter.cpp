@@ -77,7 +77,7 @@ constexpr AllowedCall allowed_calls[] = {
     {SYS_pread64, every_verb},
     {SYS_write, every_verb},
     {SYS_writev, every_verb},
-    {SYS_pwrite64, replacing | copying},
+    {SYS_fallocate, writing},
     {SYS_getdents64, every_verb},
     {SYS_readlinkat, every_verb},
     {SYS_statx, every_verb},

@@ -57,8 +57,13 @@ def test_failure_to_drop_privileges_is_fatal(empty_device, name, argument):
 @pytest.mark.parametrize("missing", [[], ["close_range"]])
 def test_callers_files_do_not_keep_the_mount_busy(device, missing):
     def use_mount():
-        for _ in range(100):
-            os.set_inheritable(os.open(MOUNTED_LIBRARY, os.O_RDONLY), True)
+        # All that the run's own limit allows.
+        limit = resource.RLIMIT_NOFILE
+        resource.setrlimit(limit, (1100, resource.getrlimit(limit)[1]))
+        fd = 0
+        while fd < 1023:
+            fd = os.open(MOUNTED_LIBRARY, os.O_RDONLY)
+            os.set_inheritable(fd, True)
         os.chdir(POINT)
 
     device.put(STORED, device.image("1.0"))
@@ -97,6 +102,9 @@ def test_callers_limits_do_not_matter(device, kind):
     device.put(DOWNLOAD, device.image("1.0", kind))
     device.sh("chown 1234 $download")
     for words in REPLACE, MOUNT, COPY_LIBRARY, COPY_TREE, REMOVE_RESOURCES, UMOUNT:
+        if words == REMOVE_RESOURCES:
+            # So deep that each of its threads needs some stack.
+            device.sh("for i in $(seq 16); do mkdir -p $res/$i$(printf '/d%.0s' $(seq 40)); done")
         device.run(words, None if LINKED_DYNAMICALLY else starve).expect(0)
     # Without CAP_SYS_RESOURCE the limits are raised as far as possible.
     supervise(device, CREATE, decide).expect(0)

@@ -4,6 +4,7 @@ import ctypes
 import errno
 import fcntl
 import os
+import resource
 import select
 import socket
 import struct
@@ -122,7 +123,8 @@ def answer_calls(listener, decide):
         identifier, process, _, number, _, _, *arguments = notification
         call = Call(process, NUMBERS[number], tuple(arguments))
         # The first call that the tool itself makes.
-        started = started or (call.name == "prlimit64" and call.arguments[2] != 0)
+        started = started or (call.name == "prlimit64" and call.arguments[1] ==
+                              resource.RLIMIT_STACK and call.arguments[2] != 0)
         error = started and decide(call) or 0
         try:
             answer = (0, 0) if error == ANSWERED else (-error, not error)
