@@ -130,24 +130,12 @@ Outcome check_attached(OpenImage& image, const Target& target) {
 Outcome replace_mount(OpenImage& image, const Target& target) {
     PreparedMount prepared;
     TRY(prepare_mount({image.fd.get(), image.status, image.type}, image.path, prepared));
-    if (prepared.detached) {
-        TRY(check_mounted(image, prepared.detached.get()));
-    }
+    TRY(check_mounted(image, prepared.detached.get()));
     // Not before the new image is known to be good.
     MountState below = MountState::nothing;
     TRY(unmount_ours(target, &image.status, below));
-    if (below == MountState::foreign) {
-        return refuse_foreign(target);
-    }
-    TRY(attach_checked(prepared, image.status, target));
-    if (prepared.detached) {
-        return {};
-    }
-    const Outcome checked = check_attached(image, target);
-    if (!checked.ok()) {
-        (void)unmount_top(target);
-    }
-    return checked;
+    return below == MountState::foreign ? refuse_foreign(target)
+                                        : attach_checked(prepared, image.status, target);
 }
 
 }  // namespace

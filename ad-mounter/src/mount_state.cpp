@@ -90,9 +90,10 @@ Outcome inspect_mount_point(const Target& target, const struct stat* image, Moun
         fstatvfs(point.get(), &flags) != 0) {
         return Outcome::failed(step, target.path, errno);
     }
+    // Signed on 32-bit ARM.
+    const auto type = static_cast<unsigned>(file_system.f_type);
     const bool may_be_ours =
-        (file_system.f_type == SQUASHFS_MAGIC || file_system.f_type == EROFS_SUPER_MAGIC_V1) &&
-        (flags.f_flag & ST_RDONLY) != 0;
+        (type == SQUASHFS_MAGIC || type == EROFS_SUPER_MAGIC_V1) && (flags.f_flag & ST_RDONLY) != 0;
     state = may_be_ours ? compare_backing(point.get(), status.st_dev, image) : MountState::foreign;
     constexpr unsigned long required = ST_RDONLY | ST_NOSUID | ST_NODEV;
     if (state == MountState::current && (flags.f_flag & required) != required) {

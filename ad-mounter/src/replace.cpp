@@ -72,8 +72,7 @@ bool may_be_linked(const Download& download) {
            foreign_write_access(download.fd.get(), download.status) == nullptr;
 }
 
-// Reads the manifest from a mount that is not attached; without such mounts, --mount compares
-// the version.
+// Reads the manifest from a mount that is not attached.
 Outcome check_version(int fd, const char* path, const ImageVerifier& image) {
     ImageFile file = {fd, {}, image.type()};
     if (fstat(fd, &file.status) != 0) {
@@ -81,9 +80,7 @@ Outcome check_version(int fd, const char* path, const ImageVerifier& image) {
     }
     PreparedMount prepared;
     TRY(prepare_mount(file, path, prepared));
-    return prepared.detached
-               ? check_manifest(prepared.detached.get(), path, image.comment().version)
-               : Outcome();
+    return check_manifest(prepared.detached.get(), path, image.comment().version);
 }
 
 Outcome install_download(const Download& download, ImageVerifier& image, const Target& target,

@@ -44,7 +44,9 @@ constexpr std::string_view untrusted_comments[] = {
 };
 
 inline bool consume(std::string_view& text, std::string_view expected) {
-    if (text.compare(0, expected.size(), expected) != 0) {
+    // Not compare() from a position, which would link the support for exceptions.
+    if (text.size() < expected.size() ||
+        std::string_view(text.data(), expected.size()) != expected) {
         return false;
     }
     text.remove_prefix(expected.size());

@@ -92,7 +92,8 @@ inline constexpr KnownWord known_words[] = {
 // Stores the value of a word that is known. Returns why it is rejected, or null.
 inline const char* take_word(std::string_view word, TrustedComment& comment) {
     for (const KnownWord& known : known_words) {
-        if (word.compare(0, known.name.size(), known.name) != 0) {
+        if (word.size() < known.name.size() ||
+            std::string_view(word.data(), known.name.size()) != known.name) {
             continue;
         }
         word.remove_prefix(known.name.size());
