@@ -1,14 +1,10 @@
 """Which image an update offers, after whatever has happened to the device."""
 
-import configparser
 import os
 import shutil
 
 import pytest
-from conftest import IMAGE
-
-
-NOW = 1795255200  # 2026-11-21T10:00:00Z
+from conftest import IMAGE, NOW
 
 
 @pytest.fixture
@@ -16,12 +12,6 @@ def device(device):
     device.is_installed = False
     device.environment["NOW"] = str(NOW)
     return device
-
-
-def read_state(device):
-    state = configparser.ConfigParser(interpolation=None, strict=True)
-    state.read(device.data / "state.ini")
-    return state
 
 
 def store(device, image, recorded=None):
@@ -170,8 +160,7 @@ def test_image_is_bad_only_if_its_library_never_loaded(device):
                     "[bad]\nsha256=" + "".join(f"{i};" for i in range(32)))
     for _ in range(2):
         device.run("load", "builtin.so", True)
-        state = read_state(device)
-        assert state["bad"] == {
+        assert device.state()["bad"] == {
             "sha256": "".join(f"{i};" for i in range(1, 32)) + "new;", "version": 31 * ";" + "1.07;",
             "time": 31 * ";" + "2026-11-21T10:00:00Z;", "count": 32 * "1;",
             "reason": 31 * ";" + "its library failed to load;"}
