@@ -95,6 +95,9 @@ def test_image_is_newer_than_every_copy_and_for_the_firmware(device, server):
     device.write("updatable.so", "a library")
     device.expect_no_update("1.06 is not newer than the installed version 1.06", "0.00")
     (device.root / "updatable.so").unlink()
+    device.write("store/floor", "1.061\n")
+    device.expect_no_update("1.06 is older than 1.061, the highest version ever stored", "0.00")
+    device.write("store/floor", "1.060\n")
     device.expect_update("0.00")
 
     newer = server.publish("1.07", words="min-firmware:T-1200.2", min_firmware="T-1200.2")
