@@ -164,8 +164,9 @@ def test_image_is_bad_only_if_its_library_never_loaded(device):
     for _ in range(2):
         device.run("load", "builtin.so", True)
         assert device.state()["bad"] == {
-            "sha256": "".join(f"{i};" for i in range(1, 32)) + "new;", "version": 31 * ";" + "1.07;",
-            "time": 31 * ";" + "2026-11-21T10:00:00Z;", "count": 32 * "1;",
+            "sha256": "".join(f"{i};" for i in range(1, 32)) + "new;",
+            "version": 31 * ";" + "1.07;", "count": 32 * "1;",
+            "time": 31 * ";" + "2026-11-21T10:00:00Z;",
             "reason": 31 * ";" + "its library failed to load;"}
         file.write_text(file.read_text().replace("sha256=\n", "sha256=new\n", 1))
     file.write_text("torn")

@@ -41,7 +41,8 @@ def expect_request(device, is_expected, reason):
     (None, {}, None, "not signed"),
     ("version:1.06 version:1.06", {}, None, "signed comment states two versions"),
     ("version:1.05", {}, None, "signed for version 1.05, the index says 1.06"),
-    ("version:1.06", {"min_firmware": "T-1"}, None, "signed without min-firmware, the index says T-1"),
+    ("version:1.06", {"min_firmware": "T-1"}, None,
+     "signed without min-firmware, the index says T-1"),
     ("version:1.06 max-firmware:T-2", {"max_firmware": "T-1999"}, None,
      "signed for max-firmware T-2, the index says T-1999"),
     ("version:1.06 product:box", {"product": "other"}, "other\n",
@@ -254,7 +255,8 @@ def test_warns_of_what_is_not_protected(device, server, tmp_path):
     for key in ("[timeouts] proxy", "[x] url"):
         assert f"configuration {tmp_path}/agent.conf: ignoring unknown key {key}\n" in log
     check = device.state()["check"]
-    assert check["time"] == "2026-11-21T10:00:00Z" and check["url"] == "https://127.0.0.1:1/update.ini"
+    assert check["time"] == "2026-11-21T10:00:00Z"
+    assert check["url"] == "https://127.0.0.1:1/update.ini"
     assert "update.ini: Failed to connect" in check["result"]
     device.write("keys/maker.pub", MAKER.public_key())
     assert "not authenticated" not in device.update().log
