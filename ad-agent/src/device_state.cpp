@@ -12,7 +12,6 @@ namespace {
 
 constexpr char file_name[] = "state.ini";
 constexpr std::uint64_t max_state_size = 128ULL * 1024;
-constexpr std::size_t max_refused = 32;
 /** Of a text that may come from a server. */
 constexpr std::size_t max_text = 256;
 constexpr char installed_group[] = "installed";
@@ -88,32 +87,6 @@ void write_refused(GKeyFile* file, const char* group, const RefusedImages& image
 }
 
 }  // namespace
-
-std::string reason_text(const RefusedImage& image) {
-    constexpr std::size_t date_length = 10;
-    // Older libraries recorded nothing but images whose library failed to load.
-    const std::string reason = image.reason.empty() ? "its library failed to load" : image.reason;
-    return reason + " here" +
-           (image.time != 0 ? " on " + format_utc(image.time).substr(0, date_length) : "");
-}
-
-const RefusedImage* RefusedImages::find(const std::string& sha256) const {
-    const auto found = std::find_if(images_.begin(), images_.end(), [&](const RefusedImage& image) {
-        return image.sha256 == sha256;
-    });
-    return found == images_.end() ? nullptr : &*found;
-}
-
-void RefusedImages::add(RefusedImage image) {
-    images_.erase(
-        std::remove_if(images_.begin(), images_.end(),
-                       [&](const RefusedImage& other) { return other.sha256 == image.sha256; }),
-        images_.end());
-    images_.push_back(std::move(image));
-    if (images_.size() > max_refused) {
-        images_.erase(images_.begin());
-    }
-}
 
 DeviceState read_state(const DataDirectory& directory) {
     DeviceState state;
