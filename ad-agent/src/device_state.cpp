@@ -12,7 +12,7 @@ namespace {
 
 constexpr char file_name[] = "state.ini";
 constexpr std::uint64_t max_state_size = 128ULL * 1024;
-/** Of a text that may come from a server. */
+/** Of a result, which may quote a server. */
 constexpr std::size_t max_text = 256;
 constexpr char installed_group[] = "installed";
 constexpr char offered_group[] = "offered";
@@ -76,7 +76,7 @@ void write_refused(GKeyFile* file, const char* group, const RefusedImages& image
         hashes.push_back(image.sha256);
         versions.push_back(image.version);
         times.push_back(image.time != 0 ? format_utc(image.time) : "");
-        reasons.push_back(printable(image.reason, max_text));
+        reasons.push_back(image.reason);
         counts.push_back(std::to_string(image.count));
     }
     write_list(file, group, "sha256", hashes);
