@@ -1,5 +1,6 @@
 """Which image an update offers, after whatever has happened to the device."""
 
+import hashlib
 import os
 import shutil
 
@@ -132,6 +133,9 @@ def test_bad_image_is_never_offered_again(device, server):
         device.expect_no_update(reason, stored)
     store(device, IMAGE, "1.05")
     device.expect_no_update("stored image refused: its library failed to load here on", "1.06")
+    # As older libraries recorded it.
+    device.write("data/state.ini", f"[bad]\nsha256={hashlib.sha256(IMAGE).hexdigest()};\n")
+    device.expect_no_update("version 1.06 refused: its library failed to load here\n", "0.00")
     device.expect_update("1.06", image=server.publish("1.07"))
 
 
