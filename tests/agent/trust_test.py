@@ -158,7 +158,7 @@ def edit(old, new):
     (MAKER, ISSUED, edit(b": an index", b": another "), "wrong signature"),
     (MAKER, ISSUED, edit(b"# RU", b"# RW"), "unsupported signature algorithm"),
     (MAKER, ISSUED, edit(b"# trusted", b"#  trusted"), "malformed signature"),
-    (MAKER, ISSUED, edit(b"# trusted", b"trusted"), "malformed signature"),
+    (MAKER, ISSUED, edit(b"# trusted", b"x trusted"), "malformed signature"),
     (MAKER, ISSUED, lambda text: text[:-1], "malformed signature"),
     (MAKER, ISSUED, lambda text: text + b"[image]\nversion=9\n", "malformed signature"),
     (MAKER, ISSUED, lambda text: text + b"# version=9\n", "malformed signature"),
