@@ -63,8 +63,14 @@ MountState compare_backing(int point, dev_t device, const struct stat* image) {
 }  // namespace
 
 Outcome inspect_mount_point(const Target& target, const struct stat* image, MountState& state) {
+    base::UniqueFd top;
+    return inspect_mount_point(target, image, state, top);
+}
+
+Outcome inspect_mount_point(const Target& target, const struct stat* image, MountState& state,
+                            base::UniqueFd& point) {
     state = MountState::nothing;
-    const base::UniqueFd point(
+    point.reset(
         open_entry(target.directory.get(), target.name, O_PATH | O_DIRECTORY, Mounts::cross));
     if (!point) {
         return errno == ENOENT ? Outcome() : Outcome::failed(step, target.path, errno);

@@ -23,10 +23,7 @@ void interrupt(int) {}
 
 Outcome open_run_directory(base::UniqueFd& directory) {
     Target target;
-    const int error = open_parent(run_directory, target);
-    if (error != 0) {
-        return Outcome::failed("open directory of", run_directory, error);
-    }
+    TRY(open_parent(run_directory, target));
     if (mkdirat(target.directory.get(), target.name, 0700) != 0 && errno != EEXIST) {
         return Outcome::failed("create", run_directory, errno);
     }

@@ -16,6 +16,7 @@ CTL_NNP = 3
 IOCTL_RECEIVE, IOCTL_SEND = 0xc0502100, 0xc0182101
 NOTIFICATION = struct.Struct("=QIIiIQ6Q")
 RESPONSE = struct.Struct("=QqiI")
+ANSWERED = -1  # from decide(): the call succeeds without being made
 LOOP_CONFIGURE, LOOP_CTL_GET_FREE = 0x4c0a, 0x4c82
 
 # Calls that are given a path, those that are given a descriptor, and those that tests watch.
@@ -28,7 +29,7 @@ WITH_DESCRIPTOR = {"write", "fsync", "syncfs", "fsopen", "fsconfig", "fsmount", 
 PATHS = {"renameat": (1, 3), "renameat2": (1, 3), "linkat": (1, 3), "symlinkat": (0, 2),
          "mount": (0, 1), "umount2": (0,), "move_mount": (1, 3)}
 WATCHED = {"umask", "close_range", "capget", "capset", "prctl", "seccomp", "setresuid", "alarm",
-           "lseek", "pread64", "exit_group"}
+           "lseek", "pread64", "fcntl", "exit_group"}
 READING = {"openat2", "newfstatat", "fsopen", "read", "getdents64", "fchdir", "flock", "fstatfs"}
 
 NUMBERS = {SECCOMP.seccomp_syscall_resolve_name(name.encode()): name
@@ -47,6 +48,10 @@ class Call(NamedTuple):
             for argument in PATHS.get(self.name, (1,)) if self.name in WITH_PATH else ():
                 memory.seek(self.arguments[argument])
                 yield memory.read1(4096).partition(b"\0")[0].decode()
+
+    def file(self):
+        """The file that its first argument is a descriptor of."""
+        return os.readlink(f"/proc/{self.process}/fd/{self.arguments[0]}")
 
     def creates_file(self):
         return self.name == "openat" and self.arguments[2] & os.O_CREAT != 0
@@ -102,7 +107,8 @@ def answer_calls(listener, decide):
         started = started or call.name == "umask"
         error = started and decide(call) or 0
         try:
-            fcntl.ioctl(listener, IOCTL_SEND, RESPONSE.pack(identifier, 0, -error, not error))
+            answer = (0, 0) if error == ANSWERED else (-error, not error)
+            fcntl.ioctl(listener, IOCTL_SEND, RESPONSE.pack(identifier, 0, *answer))
         except OSError as failure:
             assert failure.errno == errno.ENOENT  # killed
 
