@@ -9,6 +9,7 @@
 #include "log.h"
 #include "manifest.h"
 #include "part_file.h"
+#include "refused_images.h"
 #include "settings.h"
 #include "stored_image.h"
 #include "trusted_index.h"
@@ -16,7 +17,6 @@
 #include "utc_time.h"
 #include "version.h"
 
-#include <algorithm>
 #include <ctime>
 
 #include <unistd.h>
@@ -26,19 +26,6 @@ namespace {
 
 /** After so many repairs in vain the server is asked first. */
 constexpr int max_repairs = 3;
-
-/** A wrong image is not downloaded again for an hour, then two, up to a week. */
-constexpr std::int64_t min_delay = 3600;
-constexpr std::int64_t max_delay = min_delay * 24 * 7;
-
-/** Returns when a wrong image may be downloaded again. */
-std::int64_t retry_time(const RefusedImage& wrong) {
-    std::int64_t delay = min_delay;
-    for (int i = 1; i < wrong.count && delay < max_delay; ++i) {
-        delay *= 2;
-    }
-    return wrong.time + std::min(delay, max_delay);
-}
 
 class Update {
 public:
@@ -97,17 +84,22 @@ private:
                " was interrupted; offering the stored image again";
     }
 
-    /** Returns why an image is not newer than what the device has, or none if it is. */
-    std::optional<std::string> age_reason(const UpdateIndex& index) const {
+    /** Returns why a version is not newer than what the device has and had, or none if it is. */
+    std::optional<std::string> age_reason(const std::string& version) const {
         const bool has_copy = access(paths_.updatable_library.c_str(), F_OK) == 0;
-        if (!is_newer(index.version, stored_)) {
-            return "the stored version " + stored_;
+        if (!is_newer(version, stored_)) {
+            return "not newer than the stored version " + stored_;
         }
-        if (!is_newer(index.version, builtin_)) {
-            return "the firmware's version " + builtin_;
+        if (!is_newer(version, builtin_)) {
+            return "not newer than the firmware's version " + builtin_;
         }
-        if (has_copy && !is_newer(index.version, recorded_)) {
-            return "the installed version " + recorded_;
+        if (has_copy && !is_newer(version, recorded_)) {
+            return "not newer than the installed version " + recorded_;
+        }
+        // The host could not store it.
+        const std::string floor = read_floor(paths_.floor);
+        if (is_newer(floor, version)) {
+            return "older than " + floor + ", the highest version ever stored here";
         }
         return std::nullopt;
     }
@@ -120,9 +112,9 @@ private:
         if (bad) {
             return image + " refused: " + reason_text(*bad);
         }
-        const auto age = age_reason(index);
+        const auto age = age_reason(index.version);
         if (age) {
-            return image + " is not newer than " + *age;
+            return image + " is " + *age;
         }
         auto mismatch = index.target.product.empty()
                             ? std::nullopt
@@ -134,10 +126,8 @@ private:
             return image + " refused: " + *mismatch;
         }
         const RefusedImage* const wrong = state_.wrong.find(index.sha256);
-        const std::int64_t now = std::time(nullptr);
-        // Not if the index was corrected, nor if the clock was set back since.
-        if (wrong && wrong->version == index.version && wrong->time <= now &&
-            now < retry_time(*wrong)) {
+        // Not if the index was corrected.
+        if (wrong && wrong->version == index.version && must_wait(*wrong, std::time(nullptr))) {
             return image + " refused until " + format_utc(retry_time(*wrong)) + ": " +
                    wrong->reason;
         }

@@ -1,9 +1,11 @@
 #include "stored_image.h"
 
 #include "ADDigest.h"
+#include "base/decimal_version.h"
 #include "image_download.h"
 #include "part_file.h"
 #include "regular_file.h"
+#include "version.h"
 
 #include <cerrno>
 
@@ -66,6 +68,14 @@ Result<> copy_stored_image(const std::string& path, const DataDirectory& directo
         return errno_failure("failed to copy " + path + " to " + directory.path_of(part->name()));
     }
     return part->commit();
+}
+
+std::string read_floor(const std::string& path) {
+    auto text = read_regular_file(AT_FDCWD, path, O_NOFOLLOW, base::max_version_length + 1);
+    if (text && !text->empty() && text->back() == '\n') {
+        text->pop_back();
+    }
+    return text && base::is_decimal_version(*text) ? *text : no_version;
 }
 
 }  // namespace ad_agent
