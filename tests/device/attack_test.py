@@ -146,6 +146,29 @@ def test_stays_on_what_it_has(victim, attack):
     victim.maker.faults.unlink(missing_ok=True)
 
 
+def test_rolls_back_for_nobody_with_the_daemons_rights(victim):
+    victim.maker.publish("1.06")
+    boot(victim)
+    victim.assert_installed("1.06")
+    victim.do("exec", "ad-mounter", "--remove", "remove_zel_adagent_img_file")
+    victim.agent_copy.unlink()
+    download = "opt/usr/apps/adagent/zelADAgent.img"
+    shutil.copyfile(victim.maker.image("1.05"), victim.home / download)
+    store = victim.command("exec", "ad-mounter", "--replaceimg", f"/{download}",
+                           "/opt/down/zels/zelADAgent_img/zelADAgent.img")
+    refused = run(*store, check=False)
+    reason = "version 1.05 is older than 1.06, the highest version ever stored here"
+    assert refused.returncode == 65 and reason in refused.stdout
+    # Nor does the agent library offer what would be refused.
+    victim.maker.forge(victim.maker.image("1.05"), "1.05", serial=3)
+    boot(victim)
+    assert "version 1.05 is older than 1.06" in victim.log()
+    assert not victim.stored_image.exists() and not victim.agent_copy.exists()
+    victim.maker.publish("1.07")
+    boot(victim)
+    victim.assert_installed("1.07")
+
+
 def test_takes_nothing_that_was_signed_with_a_removed_key(victim):
     maker = victim.maker
     maker.tool("keygen", "--no-password", "--key", maker.home / "new.key",
