@@ -9,6 +9,7 @@
 #include "network_clients.h"
 #include "network_monitor.h"
 #include "network_state.h"
+#include "service_manager.h"
 
 #include <cerrno>
 
@@ -58,6 +59,8 @@ extern "C" int connection_create(connection_h* connection) {
         return -EINVAL;
     }
     *connection = clients().create();
+    // The daemon does this once the agent library is initialised: it has started.
+    linux_platform::notify_started();
     return 0;
 }
 
