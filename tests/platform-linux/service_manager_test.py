@@ -1,33 +1,26 @@
 """The notifications to a service manager, which is a datagram socket here."""
 
 import contextlib
+import os
+import re
 import socket
-import sys
+import subprocess
 import time
 
 import pytest
 
-import platform_probe
-from conftest import LIBRARY
+from conftest import BUILD, LIBRARY
 
 SOCKET = "/run/notify"
 WATCHDOG_SECONDS = 0.2
 
-# Calls every service before the one whose call means "started", which is then called twice.
-CALLER = f"""
-import ctypes
-platform = ctypes.CDLL("{LIBRARY}/libad-platform.so.1")
-handle = ctypes.c_void_p()
-getattr(platform, "__dlog_print")(0, 2, b"test", b"a line")
-platform.vconf_get_int(b"key", ctypes.byref(handle))
-platform.system_info_get_value_string(1104, ctypes.byref(handle))
-platform.connection_get_type(None, ctypes.byref(handle))
-print("initialised", flush=True)
-input()
-for _ in range(2): platform.connection_create(ctypes.byref(handle))
-print("connected", flush=True)
-input()
-"""
+
+def check(address):
+    """Calls every function of the platform, and returns a line for each."""
+    return subprocess.run([BUILD / "bin/platform-probe", "check", "--strict"], check=True,
+                          capture_output=True, text=True, env={
+                              **os.environ, "LD_LIBRARY_PATH": str(LIBRARY),
+                              "NOTIFY_SOCKET": address}).stdout
 
 
 class Manager:
@@ -35,6 +28,13 @@ class Manager:
         self.address = address
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self.socket.bind(address.replace("@", "\0"))
+
+    def hang(self):
+        """Fills its queue, so that those who send to it wait."""
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as other, \
+                contextlib.suppress(BlockingIOError):
+            while True:
+                other.sendto(b"unread", socket.MSG_DONTWAIT, self.address)
 
     def received(self, seconds=0.0):
         """What was received up to that time."""
@@ -55,14 +55,15 @@ def manager(device, request):
 
 
 @pytest.mark.parametrize("manager", [SOCKET, "@notify"], indirect=True)
-def test_is_ready_once_the_connection_is_created(manager, monkeypatch):
-    monkeypatch.setenv("NOTIFY_SOCKET", manager.address)
-    with platform_probe.Process(sys.executable, "-c", CALLER) as caller:
-        caller.wait_for("initialised")
-        assert manager.received() == []
-        print(file=caller.child.stdin)
-        caller.wait_for("connected")
-        assert manager.received() == ["READY=1"]
+def test_is_ready_once(manager):
+    check(manager.address)
+    assert manager.received() == ["READY=1"]
+
+
+def test_is_ready_when_the_connection_is_created(manager):
+    manager.hang()
+    slow = [line for line in check(SOCKET).splitlines() if re.search(r"\(1\d\d\d ms\)", line)]
+    assert len(slow) == 1 and "connection_create makes a client" in slow[0]
 
 
 def watchdog(**more):
@@ -94,10 +95,7 @@ def test_has_no_watchdog_unless_it_is_asked_for(manager, start_probe, environmen
     ("/" + 107 * "x", "File name too long")])
 def test_starts_without_a_service_manager_that_listens(device, manager, start_probe, address,
                                                        error):
-    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as other, \
-            contextlib.suppress(BlockingIOError):
-        while True:  # Until its queue is full.
-            other.sendto(b"unread", socket.MSG_DONTWAIT, SOCKET)
+    manager.hang()
     probe = start_probe(NOTIFY_SOCKET=address)
     assert probe.ask("profiles") == "0: 2 ethernet"
     assert f"failed to send READY=1 to the service manager at {address}: " in (
