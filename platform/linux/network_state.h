@@ -63,8 +63,7 @@ NetworkState network_state(const NetworkObjects& objects);
 /** Whether any connection is being activated. */
 bool is_activating(const NetworkObjects& objects);
 
-/** The type of the profile that stands for a connection of that type; Ethernet while there is none.
- */
+/** The profile's type for a type of connection; Ethernet while there is none. */
 connection_profile_type_e profile_type(connection_type_e type);
 
 }  // namespace linux_platform

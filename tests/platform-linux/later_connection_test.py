@@ -11,15 +11,15 @@ CONFIGURATION = "/etc/NetworkManager/NetworkManager.conf"
 @pytest.fixture(autouse=True)
 def defaults(device):
     device.run(f"cp {CONFIGURATION} /run/kept.conf && sed -i /no-auto-default/d {CONFIGURATION}")
-    restart = ["kill network", "start network"]
-    device.set_cable("down")  # Otherwise it takes its start to last until DHCP has failed.
-    for action in restart:
-        device.services(action)
+    # Without a cable: otherwise the service counts as starting until DHCP has failed.
+    device.set_cable("down")
+    device.services("kill", "network")
+    device.services("start", "network")
     assert "Wired connection 1" in device.run("nmcli -g NAME connection")
     yield
-    device.run(f"mv /run/kept.conf {CONFIGURATION}; nmcli networking off; nmcli networking on")
-    for action in restart:
-        device.services(action)
+    device.run(f"mv /run/kept.conf {CONFIGURATION}")
+    device.services("kill", "network")
+    device.services("start", "network")
 
 
 def test_reports_connections_that_are_created_later(device, probe):
@@ -29,12 +29,12 @@ def test_reports_connections_that_are_created_later(device, probe):
     # Once, whatever was activated in between.
     assert [change for change in probe.changes_until(*CONNECTED)
             if change in CONNECTED + DISCONNECTED[:1]] == CONNECTED
-    # Another profile for the same port takes over, then one for another port.
+    # Another profile takes the same port over; after a loss, one for another port connects.
     device.add_wired(name="second")
     device.run("nmcli connection up second; nmcli connection delete wired")
     assert probe.ask("type") == "3 ethernet"
     device.set_cable("down")
-    assert set(DISCONNECTED) <= set(probe.changes_until(*DISCONNECTED))
+    probe.changes_until(*DISCONNECTED)
     device.run("ip link add test0 type veth peer name test1; ip link set test1 up")
     device.add_wired(name="other", port="test0")
     device.run("nmcli connection up other")

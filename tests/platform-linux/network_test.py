@@ -45,7 +45,7 @@ def test_follows_the_cable(device, probe):
 
 def test_a_profile_is_connected_only_with_a_default_route(device, probe):
     watch(probe)
-    device.add_wired("ipv4.never-default yes")
+    device.add_wired("ipv4.never-default yes autoconnect no")
     device.run("nmcli connection up wired")
     probe.changes_until("profile 0 2")
     assert probe.ask("type") == "0 disconnected"
