@@ -23,6 +23,11 @@ check_pie_supported()
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
 set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
 
+# File sizes and times of 64 bits, on 32-bit processors too.
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  add_compile_definitions(_FILE_OFFSET_BITS=64 _TIME_BITS=64)
+endif()
+
 add_compile_options(-Wall -Wextra -Wshadow -Wnull-dereference -Wformat=2)
 if(ADAGENTD_WERROR)
   add_compile_options(-Werror)

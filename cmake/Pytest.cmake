@@ -16,4 +16,6 @@ function(add_pytest name file)
                    ${CMAKE_CURRENT_SOURCE_DIR}/${file})
   set_tests_properties(${name} PROPERTIES SKIP_RETURN_CODE 77 ENVIRONMENT
     "BUILD_DIR=${CMAKE_BINARY_DIR};SOURCE_DIR=${PROJECT_SOURCE_DIR};PYTHONPATH=${PROJECT_SOURCE_DIR}/tests/support;PYTHONDONTWRITEBYTECODE=1")
+  # Only ctest runs programs of another processor, through its emulator.
+  set_tests_properties(${name} PROPERTIES DISABLED "${CMAKE_CROSSCOMPILING}")
 endfunction()

@@ -1,0 +1,5 @@
+# Cross compilation for 64-bit ARM with Debian's compilers and multiarch libraries.
+set(CMAKE_SYSTEM_PROCESSOR aarch64)
+set(triplet aarch64-linux-gnu)
+set(emulator qemu-aarch64-static)
+include(${CMAKE_CURRENT_LIST_DIR}/debian-cross.cmake)
