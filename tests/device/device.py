@@ -17,7 +17,8 @@ GATE_CLOSED = "Please check network"
 
 # All that a device without an update in progress has below /opt.
 KNOWN_FILES = ("platform.log", "state.ini", "ad-agent.conf", "adagentversion.txt", "*Ad-v2*",
-               "zelADAgentCache.xml", "zelADAgent.img", "libad-*-fwk.so", "update.ini*")
+               "zelADAgentCache.xml", "zelADAgent.img", "zelADAgent.floor", "libad-*-fwk.so",
+               "update.ini*")
 
 on_each_platform = pytest.mark.parametrize("device", ["simulated", "linux"], indirect=True)
 on_linux = pytest.mark.parametrize("device", ["linux"], indirect=True)
