@@ -69,16 +69,18 @@ public:
         return static_cast<bool>(fd_);
     }
 
+    // What is missing stays inaccessible, and its reader reports it.
+    Outcome allow_reading(const char* path) {
+        const base::UniqueFd directory(open_path(path, O_PATH | O_DIRECTORY));
+        const bool missing = !directory && (errno == ENOENT || errno == ENOTDIR || errno == ELOOP);
+        return missing || (directory && add_rule(directory.get(), reading)) ? Outcome()
+                                                                            : failed(path);
+    }
+
     // `shown` is the path for error messages.
-    Outcome allow(const char* path, const char* shown, uint64_t access) {
+    Outcome allow_changing(const char* path, const char* shown) {
         const base::UniqueFd directory(open_existing(path));
-        landlock_path_beneath_attr rule = {};
-        rule.allowed_access = access;
-        rule.parent_fd = directory.get();
-        return directory && syscall(SYS_landlock_add_rule, fd_.get(), LANDLOCK_RULE_PATH_BENEATH,
-                                    &rule, 0) == 0
-                   ? Outcome()
-                   : Outcome::failed("restrict access to", shown, errno);
+        return directory && add_rule(directory.get(), changing) ? Outcome() : failed(shown);
     }
 
     Outcome enforce() {
@@ -88,16 +90,27 @@ public:
     }
 
 private:
+    bool add_rule(int directory, uint64_t access) {
+        landlock_path_beneath_attr rule = {};
+        rule.allowed_access = access;
+        rule.parent_fd = directory;
+        return syscall(SYS_landlock_add_rule, fd_.get(), LANDLOCK_RULE_PATH_BENEATH, &rule, 0) == 0;
+    }
+
+    static Outcome failed(const char* path) {
+        return Outcome::failed("restrict access to", path, errno);
+    }
+
     base::UniqueFd fd_;
 };
 
 Outcome allow_operation(Ruleset& ruleset, const Operation& operation) {
     char directory[PATH_MAX];
     changed_directory(operation.target, directory);
-    TRY(ruleset.allow(directory, operation.target, changing));
+    TRY(ruleset.allow_changing(directory, operation.target));
     if (operation.verb == Verb::copy_library || operation.verb == Verb::copy_tree) {
         for (const char* path : sources) {
-            TRY(ruleset.allow(path, path, reading));
+            TRY(ruleset.allow_reading(path));
         }
     }
     return {};
@@ -113,9 +126,9 @@ Outcome restrict_paths(const Operation& request) {
                    : Outcome::failed(EX_OSERR, "restrict", "access to paths", errno);
     }
     for (const char* path : readable) {
-        TRY(ruleset.allow(path, path, reading));
+        TRY(ruleset.allow_reading(path));
     }
-    TRY(ruleset.allow(run_directory, run_directory, changing));
+    TRY(ruleset.allow_changing(run_directory, run_directory));
     for (const Operation& operation : operations) {
         if (same_request(operation, request)) {
             TRY(allow_operation(ruleset, operation));

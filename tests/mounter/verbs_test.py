@@ -107,12 +107,14 @@ STATUSES = {errno.ENOSPC: [0, 74], errno.EIO: [0, 65, 74], errno.EROFS: [0, 73],
 
 
 def run_with_error(device, words, is_point, point, error):
-    """Runs the tool with the error at a point. Returns its result and the calls that are
-    points, up to there."""
-    points = []
+    """Runs the tool with the error at a point, once it is confined. Returns its result and the
+    calls that are points, up to there."""
+    points, confined = [], []
 
     def decide(call):
-        if not is_point(call):
+        if call.name == "seccomp":
+            confined.append(call)
+        if not confined or not is_point(call):
             return 0
         points.append(call)
         if len(points) != point + 1:
