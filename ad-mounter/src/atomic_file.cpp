@@ -38,6 +38,10 @@ Outcome AtomicFile::create(uint64_t size) {
     }
     fd_ = created_.get();
     pending_ = true;
+    // In one piece where the file system can; others grow the file while it is written.
+    if (size > 0 && fallocate(fd_, 0, 0, static_cast<off_t>(size)) != 0 && errno == ENOSPC) {
+        return Outcome::failed("allocate space for", target_.path, errno);
+    }
     return {};
 }
 

@@ -14,7 +14,10 @@ namespace ad_mounter {
 
 namespace {
 
+// sodium_init() is never called. It sets up random numbers, which verifying does not need, and
+// replaces the portable BLAKE2b by one for AVX2 that takes up to twice as long.
 constexpr size_t piece_size = size_t{128} << 10;
+constexpr size_t write_back_size = size_t{2} << 20;
 
 Outcome reject(const char* path, const char* reason) {
     return Outcome::refused(EX_DATAERR, "verify", path, reason);
@@ -49,7 +52,10 @@ struct ImageVerifier::Copy {
         if (!base::write_full(fd, bytes, size)) {
             return Outcome::failed("copy to", path, errno);
         }
-        start_write_back(fd, offset, size);
+        const uint64_t written = offset + size;
+        if (written % write_back_size == 0) {
+            start_write_back(fd, written - write_back_size, write_back_size);
+        }
         return {};
     }
 };
@@ -95,9 +101,6 @@ Outcome ImageVerifier::find_keys(const Keys& keys) {
 }
 
 Outcome ImageVerifier::verify_comment(const Keys& keys, uint64_t limit) {
-    if (sodium_init() < 0) {
-        return Outcome::refused(EX_SOFTWARE, "verify", path_, "cannot initialise libsodium");
-    }
     TRY(read_trailer(limit));
     return find_keys(keys);
 }

@@ -54,8 +54,8 @@ TEST(Time, IsUtcAndHasOneSpelling) {
 }
 
 TEST(Configuration, HasDefaults) {
-    const test_support::TemporaryFolder folder;
-    const std::string path = folder / "conf";
+    const test_support::TemporaryDirectory directory;
+    const std::string path = directory / "conf";
     const auto read = [&](const std::string& text) {
         test_support::write_file(path, text);
         const Settings s = *load_settings(path);

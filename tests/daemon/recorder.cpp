@@ -57,9 +57,9 @@ std::string formatted(const char* format, va_list arguments) {
 
 /** A line of one of the daemon's sources and the next one. */
 std::string source_at(const std::string& file, size_t line) {
-    const std::string folder = file == "ADUtils.cpp" ? "/common/src/" : "/ad-daemon/src/";
+    const std::string directory = file == "ADUtils.cpp" ? "/common/src/" : "/ad-daemon/src/";
     std::vector<std::string> lines =
-        test_support::split_lines(test_support::read_file(SOURCE_DIR + folder + file));
+        test_support::split_lines(test_support::read_file(SOURCE_DIR + directory + file));
     lines.resize(lines.size() + line + 1);
     return lines[line - 1] + lines[line];
 }

@@ -13,6 +13,7 @@
 #include "files.h"
 #include "recorder.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <filesystem>
@@ -298,7 +299,7 @@ protected:
     Daemon() {
         device = Device();
         device.is_on = true;
-        device.root = folder_.path();
+        device.root = directory_.path();
         device.on_event = run_scheduled;
         device.put("/usr/lib/libad-agent-fwk.so");
         device.put("/tmp/vconf_ready");
@@ -324,7 +325,7 @@ protected:
         alarm(0);
     }
 
-    test_support::TemporaryFolder folder_;
+    test_support::TemporaryDirectory directory_;
 };
 
 TEST_P(Daemon, Follows) {
@@ -358,10 +359,11 @@ std::vector<std::string> find_transcripts() {
     for (const auto& entry : fs::directory_iterator(TRANSCRIPTS)) {
         names.push_back(entry.path().stem());
     }
+    std::sort(names.begin(), names.end());
     return names;
 }
 
-INSTANTIATE_TEST_SUITE_P(Transcripts, Daemon, testing::ValuesIn(find_transcripts()),
+INSTANTIATE_TEST_SUITE_P(, Daemon, testing::ValuesIn(find_transcripts()),
                          [](const auto& test) { return test.param; });
 
 }  // namespace

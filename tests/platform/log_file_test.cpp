@@ -29,7 +29,7 @@ extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept {
 }
 
 TEST(LogFile, WritesEachMessageAsOneLine) {
-    const TemporaryFolder directory;
+    const TemporaryDirectory directory;
     const std::string path = directory / "platform.log";
     simulated_platform::LogFile log(path.c_str());
     const std::string text(10000, 'x');

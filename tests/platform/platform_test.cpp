@@ -85,7 +85,7 @@ protected:
         }
     }
 
-    test_support::TemporaryFolder directory_;
+    test_support::TemporaryDirectory directory_;
     std::string path_ = directory_ / "state.ini";
     std::string log_path_ = directory_ / "platform.log";
     LogFile log_{log_path_.c_str()};

@@ -1,5 +1,5 @@
 /**
- * Files and folders of a test's own.
+ * Files and directories of a test's own.
  */
 #pragma once
 
@@ -12,17 +12,17 @@
 
 namespace test_support {
 
-/** A new folder under the system's temporary one, removed with all in it. */
-class TemporaryFolder {
+/** A new directory under the system's temporary one, removed with all in it. */
+class TemporaryDirectory {
 public:
-    TemporaryFolder() {
+    TemporaryDirectory() {
         if (mkdtemp(path_.data()) == nullptr) {
             std::abort();
         }
     }
-    ~TemporaryFolder() { std::filesystem::remove_all(path_); }
-    TemporaryFolder(const TemporaryFolder&) = delete;
-    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+    ~TemporaryDirectory() { std::filesystem::remove_all(path_); }
+    TemporaryDirectory(const TemporaryDirectory&) = delete;
+    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
 
     const std::string& path() const { return path_; }
     std::string operator/(const std::string& name) const { return path_ + "/" + name; }
@@ -31,7 +31,7 @@ private:
     std::string path_ = std::filesystem::temp_directory_path() / "adagentd-test-XXXXXX";
 };
 
-/** Replaces a file's contents; makes its folder where that is missing. */
+/** Replaces a file's contents; creates its directory if missing. */
 inline void write_file(const std::filesystem::path& path, const std::string& text) {
     std::filesystem::create_directories(path.parent_path());
     std::ofstream(path, std::ios::binary) << text;
