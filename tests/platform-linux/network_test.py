@@ -86,9 +86,9 @@ def test_a_bridge_counts_as_ethernet(device, probe):
     device.run("nmcli -t connection add type bridge con-name bridge ifname test0 bridge.stp no "
                "ipv4.method manual ipv4.addresses 10.8.0.2/24 ipv4.gateway 10.8.0.1 "
                "ipv6.method disabled")
-    # Over a port that has no profile.
-    device.run("for i in $(seq 100); do ip link set far0 master test0 && exit; sleep 0.02; done; "
-               "exit 1")
+    # Over a port that has no profile, once the service knows that the bridge is its own.
+    device.run("for i in $(seq 100); do nmcli -t device | grep -q '^test0:.*:bridge$' && "
+               "exec ip link set far0 master test0; sleep 0.02; done; exit 1")
     probe.ask_until("type", "3 ethernet")
     assert probe.ask("state ethernet") == "2 connected"
 
