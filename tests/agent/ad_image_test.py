@@ -250,7 +250,7 @@ def test_publish_lays_out_what_devices_fetch():
     sh(f"{PACK} -5.img; ad-image sign --key maker.key -5.img; ad-image show -5.img;"
        f"{PACK} 6.img --version 1.06; echo '<html>' >page; printf '{{\"tiles\": 1}}' >tile.json;"
        "printf '{\"\\344\"}' >latin; printf '{\\0}' >null;"
-       "(echo {; head -c 1M /dev/zero; echo }) >big;"
+       "(echo {; head -c 1M /dev/zero; echo }) >big; truncate -s 513M huge;"
        "ad-image publish --key maker.pub --tile-ad tile.json -5.img web")
     sha256 = hashlib.sha256(read("-5.img")).hexdigest()
     image = f"zelADAgent-1.05-{sha256[:12]}.img"
@@ -268,6 +268,7 @@ def test_publish_lays_out_what_devices_fetch():
                               ("--apps-ad null -5.img", "null contains a null byte"),
                               ("--tile-ad big -5.img", "big has 1048580 bytes: devices accept"),
                               ("--index-key maker.key -5.img", "maker.key is not an index key"),
+                              ("huge", "huge has 537919488 bytes: devices accept at most"),
                               ("page", "page is not signed")]:
         expect_failure(f"ad-image publish {arguments} web", reason)
     assert read("web/update.ini") == index
