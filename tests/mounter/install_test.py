@@ -15,11 +15,12 @@ from supervisor import ANSWERED, run_and_disturb, run_without, supervise
 
 
 def hold_descriptor(path):
-    return open(path, "rb+")
+    # Fails instead of waiting for the end of a lease.
+    return os.fdopen(os.open(path, os.O_RDWR | os.O_NONBLOCK), "rb+")
 
 
 def hold_mapping(path):
-    with open(path, "rb+") as file:
+    with hold_descriptor(path) as file:
         return mmap.mmap(file.fileno(), 0)
 
 
@@ -89,6 +90,7 @@ def test_owner_counts_only_where_a_file_system_keeps_it(device, file_system):
 
 @pytest.mark.parametrize("change, status, reason", [
     ("truncate -s -4 $download", 65, "not signed"),
+    ("LC_ALL=C sed -i 's/comment: version:2.0/comment: version:2.1/' $download", 65, "changed"),
     ("echo 2.01 > $floor", 65, "version 2.0 is older than 2.01, the highest version ever stored"
                                " here; image not stored"),
     ("echo demo > $product", 65, "signed for no product, this device is demo; image not stored"),

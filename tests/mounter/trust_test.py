@@ -167,12 +167,15 @@ def test_file_system_may_not_reach_into_its_trailer(device, kind):
 
 
 @pytest.mark.parametrize("first, second", [("good", "bad"), ("bad", "good"), ("good", "older"),
-                                           ("older", "good"), ("good", "short")])
+                                           ("older", "good"), ("good", "short"),
+                                           ("good", "relabelled")])
 def test_stores_what_is_verified_and_not_what_the_download_becomes(device, first, second):
     """The download, a user's, changes before each of its reads in turn."""
-    good = device.maker.signed_image(device.file_system("1.5") + bytes(200_000), "1.5")
+    content = device.file_system("1.5") + bytes(200_000)
+    good = device.maker.signed_image(content, "1.5 file:aaaa")
     images = {"good": good, "bad": good[:100] + bytes([good[100] ^ 1]) + good[101:],
-              "older": device.image("1.4"), "short": good[:-1]}
+              "older": device.image("1.4"), "short": good[:-1],
+              "relabelled": device.maker.signed_image(content, "1.5 product:b")}
     stored = set()
     for point in count():
         device.sh("rm -f $stored")
