@@ -7,7 +7,7 @@ from itertools import count
 
 import pytest
 
-from device import (DOWNLOAD, FLOOR, KEYS, MOUNT, PRODUCT, REMOVE_IMAGE, REPLACE, STORED, UMOUNT)
+from device import (DOWNLOAD, FLOOR, KEYS, MOUNT, REMOVE_IMAGE, REPLACE, STORED, UMOUNT)
 from maker import Maker
 from supervisor import supervise
 
