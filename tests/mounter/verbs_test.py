@@ -337,6 +337,24 @@ def test_contents_are_synced_before_renaming_and_the_directory_afterwards(empty_
     assert re.fullmatch(expected, "".join(order)), order
 
 
+@pytest.mark.parametrize("words, changed, make", [
+    (["--create", "create_path_apps_adagent"], DATA, "true"),
+    (["--create", "create_path_apps_adagent"], "/opt/usr", "true"),
+    (CREATE_MANIFEST, CACHE_MANIFEST, "touch $data/zelADAgentCache.xml"),
+    (REMOVE_IMAGE, STORED, "true"),
+    (REMOVE_RESOURCES, RES, "true"),
+    (REPLACE, STORED, "ln $download $stored"),
+])
+def test_what_a_killed_run_has_done_is_synced(device, words, changed, make):
+    device.write(DOWNLOAD, device.image("2.0"))
+    device.write(FLOOR, "2.0\n")
+    device.sh(make)
+    synced = []
+    supervise(device, words, lambda call: synced.append(call.file()) if call.name == "fsync"
+              else 0).expect(0)
+    assert device.at(os.path.dirname(changed)) in synced
+
+
 @scenarios
 def test_works_without_newer_calls(empty_device, scenario):
     scenario.prepare(empty_device)
