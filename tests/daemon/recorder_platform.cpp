@@ -18,7 +18,7 @@ namespace {
 
 char connection_object;
 char iterator_object;
-/** Profile 0's handle: longer than an int, if it can be, of which the daemon logs the lower half. */
+/** Profile 0's handle: where it can be longer than an int, the daemon logs the lower half. */
 constexpr auto first_profile = static_cast<uintptr_t>(0x5500000a10);
 
 size_t profiles_taken = 0;
