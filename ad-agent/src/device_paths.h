@@ -12,11 +12,17 @@ struct DevicePaths {
     std::string data_directory;
     /** The image that was installed last. */
     std::string stored_image;
+    /** The file with the highest version that was ever stored. */
+    std::string floor;
     /** The copy of this library that updates install, and that of the firmware. */
     std::string updatable_library;
     std::string firmware_library;
     /** The manifest with the version of the firmware's copy. */
     std::string firmware_manifest;
+    /** The directory of the keys that an index is signed with. */
+    std::string index_keys;
+    /** The file with the product's name. */
+    std::string product;
 };
 
 }  // namespace ad_agent

@@ -19,4 +19,10 @@ namespace ad_agent {
 Result<> copy_stored_image(const std::string& path, const DataDirectory& directory,
                            const DeviceState& state);
 
+/**
+ * Reads the highest version that was ever stored, which the host does not go below; no_version
+ * if there is none.
+ */
+std::string read_floor(const std::string& path);
+
 }  // namespace ad_agent
