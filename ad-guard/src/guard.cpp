@@ -101,9 +101,8 @@ bool Guard::follow_copy() {
         anew.installed = record_.installed;
         anew.installed_before = is_same_copy ? record_.installed_before : record_.installed;
         anew.latest_time = record_.latest_time;
-        const bool was_watched = !record_.library.empty();
         record_ = std::move(anew);
-        if (library.empty() && was_watched) {
+        if (library.empty()) {
             save("the next copy may be judged by this one's failures");
         }
     }
