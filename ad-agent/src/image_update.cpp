@@ -3,6 +3,7 @@
 #include "base/decimal_version.h"
 #include "device_state.h"
 #include "firmware.h"
+#include "guard_list.h"
 #include "image_download.h"
 #include "image_inspection.h"
 #include "image_target.h"
@@ -108,7 +109,7 @@ private:
     std::optional<std::string> rejection_reason(const UpdateIndex& index) const {
         const std::string image = "version " + index.version;
         // Before the versions, so that the reason stays true after a fallback.
-        const RefusedImage* const bad = state_.bad.find(index.sha256);
+        const auto bad = find_bad_image(directory_, state_, index.sha256);
         if (bad) {
             return image + " refused: " + reason_text(*bad);
         }

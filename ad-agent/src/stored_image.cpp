@@ -2,6 +2,7 @@
 
 #include "ADDigest.h"
 #include "base/decimal_version.h"
+#include "guard_list.h"
 #include "image_download.h"
 #include "part_file.h"
 #include "regular_file.h"
@@ -50,7 +51,7 @@ Result<> copy_stored_image(const std::string& path, const DataDirectory& directo
     if (fstat(stored->get(), &status) != 0) {
         return errno_failure("failed to open " + path);
     }
-    const RefusedImage* const bad = state.bad.find(ad_sha256_file(path.c_str()));
+    const auto bad = find_bad_image(directory, state, ad_sha256_file(path.c_str()));
     if (bad) {
         return failure("stored image refused: " + reason_text(*bad));
     }

@@ -124,18 +124,23 @@ def test_installed_version_is_one_of_a_whole_manifest(device):
         assert device.run("install", version).ok
 
 
-def test_bad_image_is_never_offered_again(device, server):
+@pytest.mark.parametrize("finder, found", [("library", "its library failed to load"),
+                                           ("guard", "its library crashed")])
+def test_bad_image_is_never_offered_again(device, server, finder, found):
     install(device)
-    assert "library of version 1.06 failed to load" in device.run("load", "builtin.so", True).log
+    if finder == "library":
+        assert "failed to load; its image" in device.run("load", "builtin.so", True).log
+    else:
+        device.write("data/guard-bad.ini", f"""[{'a' * 64}]\n[{hashlib.sha256(IMAGE).hexdigest()}]
+version=1.06\ntime=2026-11-21T10:00:00Z\nreason={found}\n""")
     (device.root / "updatable.so").unlink()
     for stored in ("0.00", "1.06"):  # the reason stays the same at each start
-        reason = "version 1.06 refused: its library failed to load here on 2026-11-21"
-        device.expect_no_update(reason, stored)
+        device.expect_no_update(f"version 1.06 refused: {found} here on 2026-11-21", stored)
     store(device, IMAGE, "1.05")
-    device.expect_no_update("stored image refused: its library failed to load here on", "1.06")
-    # As older libraries recorded it.
-    device.write("data/state.ini", f"[bad]\nsha256={hashlib.sha256(IMAGE).hexdigest()};\n")
-    device.expect_no_update("version 1.06 refused: its library failed to load here\n", "0.00")
+    device.expect_no_update(f"stored image refused: {found} here on 2026-11-21", "1.06")
+    if finder == "library":  # as older ones recorded it
+        device.write("data/state.ini", f"[bad]\nsha256={hashlib.sha256(IMAGE).hexdigest()};\n")
+        device.expect_no_update("version 1.06 refused: its library failed to load here\n", "0.00")
     device.expect_update("1.06", image=server.publish("1.07"))
 
 
