@@ -1,33 +1,11 @@
 #include "network_clients.h"
 
 #include <cstddef>
-#include <utility>
+#include <vector>
 
 namespace linux_platform {
 
 namespace {
-
-/** The number of a profile's last change; 0 while it is disconnected. */
-uint64_t profile_change(const NetworkSnapshot& snapshot, const std::string& uuid) {
-    const auto change = snapshot.profile_changes.find(uuid);
-    return change == snapshot.profile_changes.end() ? 0 : change->second;
-}
-
-ProfileState profile_state(const NetworkSnapshot& snapshot, const std::string& uuid) {
-    const auto state = snapshot.state.profile_states.find(uuid);
-    return state == snapshot.state.profile_states.end() ? ProfileState::disconnected
-                                                        : state->second;
-}
-
-template <typename Map>
-std::vector<typename Map::key_type> keys(const Map& map) {
-    std::vector<typename Map::key_type> all;
-    all.reserve(map.size());
-    for (const auto& entry : map) {
-        all.push_back(entry.first);
-    }
-    return all;
-}
 
 /** The entry of a handle, or null. */
 template <typename Map>
@@ -79,69 +57,35 @@ bool NetworkClients::set_type_callback(connection_h handle, connection_type_chan
     return true;
 }
 
-connection_profile_iterator_h NetworkClients::create_iterator(
-    const std::vector<Profile>& profiles) {
+connection_profile_iterator_h NetworkClients::create_iterator() {
     const std::lock_guard<std::mutex> lock(mutex_);
-    Iterator iterator;
-    for (const Profile& profile : profiles) {
-        connection_profile_h handle = profile_handle(profile.uuid);
-        profiles_[handle].type = profile.type;
-        iterator.profiles.push_back(handle);
-    }
     connection_profile_iterator_h handle = new_handle();
-    iterators_[handle] = std::move(iterator);
-    return handle;
-}
-
-connection_profile_h NetworkClients::profile_handle(const std::string& uuid) {
-    for (const auto& [handle, profile] : profiles_) {
-        if (profile.uuid == uuid) {
-            return handle;
-        }
-    }
-    connection_profile_h handle = new_handle();
-    profiles_[handle].uuid = uuid;
+    iterators_[handle] = false;
     return handle;
 }
 
 connection_profile_h NetworkClients::peek(connection_profile_iterator_h handle) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    const Iterator* iterator = find(iterators_, handle);
-    if (iterator == nullptr || iterator->next >= iterator->profiles.size()) {
-        return nullptr;
-    }
-    return iterator->profiles[iterator->next];
+    const bool* is_at_end = find(iterators_, handle);
+    return is_at_end != nullptr && !*is_at_end ? profile_ : nullptr;
 }
 
 void NetworkClients::advance(connection_profile_iterator_h handle) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (Iterator* iterator = find(iterators_, handle)) {
-        ++iterator->next;
+    if (bool* is_at_end = find(iterators_, handle)) {
+        *is_at_end = true;
     }
 }
 
-bool NetworkClients::profile_type(connection_profile_h handle, connection_profile_type_e* type) {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    const KnownProfile* profile = find(profiles_, handle);
-    if (profile == nullptr) {
-        return false;
-    }
-    *type = profile->type;
-    return true;
-}
-
-bool NetworkClients::set_profile_callback(connection_profile_h handle,
+bool NetworkClients::set_profile_callback(connection_profile_h profile,
                                           connection_profile_state_changed_cb callback,
                                           void* user_data) {
-    const NetworkMonitor::Snapshot snapshot = NetworkMonitor::instance().snapshot();
-    const std::lock_guard<std::mutex> lock(mutex_);
-    KnownProfile* profile = find(profiles_, handle);
-    if (profile == nullptr) {
+    if (!is_profile(profile)) {
         return false;
     }
-    profile->callback = callback;
-    profile->user_data = user_data;
-    profile->reported = snapshot ? profile_change(*snapshot, profile->uuid) : 0;
+    const NetworkMonitor::Snapshot snapshot = NetworkMonitor::instance().snapshot();
+    const std::lock_guard<std::mutex> lock(mutex_);
+    profile_watch_ = {callback, user_data, snapshot ? snapshot->profile_change : 0};
     return true;
 }
 
@@ -150,18 +94,17 @@ bool NetworkClients::set_profile_callback(connection_profile_h handle,
 void NetworkClients::report() {
     const NetworkMonitor::Snapshot snapshot = NetworkMonitor::instance().snapshot();
     std::vector<connection_h> clients;
-    std::vector<connection_profile_h> profiles;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        clients = keys(clients_);
-        profiles = keys(profiles_);
+        clients.reserve(clients_.size());
+        for (const auto& entry : clients_) {
+            clients.push_back(entry.first);
+        }
     }
     for (connection_h client : clients) {
         report_type(client, *snapshot);
     }
-    for (connection_profile_h profile : profiles) {
-        report_profile(profile, *snapshot);
-    }
+    report_profile(*snapshot);
 }
 
 void NetworkClients::report_type(connection_h handle, const NetworkSnapshot& snapshot) {
@@ -180,22 +123,18 @@ void NetworkClients::report_type(connection_h handle, const NetworkSnapshot& sna
     due.callback(snapshot.state.type, due.user_data);
 }
 
-void NetworkClients::report_profile(connection_profile_h handle, const NetworkSnapshot& snapshot) {
-    KnownProfile due;
+void NetworkClients::report_profile(const NetworkSnapshot& snapshot) {
+    ProfileWatch due;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        KnownProfile* profile = find(profiles_, handle);
-        if (profile == nullptr || profile->callback == nullptr) {
+        if (profile_watch_.callback == nullptr ||
+            profile_watch_.reported >= snapshot.profile_change) {
             return;
         }
-        const uint64_t change = profile_change(snapshot, profile->uuid);
-        if (profile->reported == change) {
-            return;
-        }
-        profile->reported = change;
-        due = *profile;
+        profile_watch_.reported = snapshot.profile_change;
+        due = profile_watch_;
     }
-    due.callback(static_cast<connection_profile_state_e>(profile_state(snapshot, due.uuid)),
+    due.callback(static_cast<connection_profile_state_e>(snapshot.state.profile_state),
                  due.user_data);
 }
 

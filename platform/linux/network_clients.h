@@ -5,15 +5,17 @@
 
 #include <cstdint>
 #include <map>
-#include <memory>
 #include <mutex>
-#include <string>
-#include <vector>
 
 namespace linux_platform {
 
 /**
- * The handles of clients, iterators and profiles, with their callbacks.
+ * The handles of clients, of iterators and of the profile, with their callbacks.
+ *
+ * One profile is registered: the device's connection, whichever of
+ * NetworkManager's connections that is at the time. A caller that chooses a
+ * profile once, as the daemon does, thereby also notices the connections that
+ * are created after its choice. The profile does not depend on NetworkManager.
  *
  * Handles are numbers that are never reused, so that a released or foreign one
  * is recognised and refused. Functions may be called from any thread; callbacks
@@ -33,12 +35,12 @@ public:
     bool set_type_callback(connection_h client, connection_type_changed_cb callback,
                            void* user_data);
 
-    connection_profile_iterator_h create_iterator(const std::vector<Profile>& profiles);
+    connection_profile_iterator_h create_iterator();
     /** The next profile; null at the end, and for a wrong handle. */
     connection_profile_h peek(connection_profile_iterator_h iterator);
     void advance(connection_profile_iterator_h iterator);
 
-    bool profile_type(connection_profile_h profile, connection_profile_type_e* type);
+    bool is_profile(connection_profile_h profile) const { return profile == profile_; }
     /** A null callback ends the reports. */
     bool set_profile_callback(connection_profile_h profile,
                               connection_profile_state_changed_cb callback, void* user_data);
@@ -51,32 +53,26 @@ private:
         uint64_t reported = 0;
     };
 
-    struct Iterator {
-        std::vector<connection_profile_h> profiles;
-        size_t next = 0;
-    };
-
-    /** A profile by its UUID, which survives NetworkManager's restarts. */
-    struct KnownProfile {
-        std::string uuid;
-        connection_profile_type_e type = CONNECTION_PROFILE_TYPE_ETHERNET;
+    /** Who watches the profile, in the same terms. */
+    struct ProfileWatch {
         connection_profile_state_changed_cb callback = nullptr;
         void* user_data = nullptr;
         uint64_t reported = 0;
     };
 
     void* new_handle();
-    connection_profile_h profile_handle(const std::string& uuid);
     void report();
     void report_type(connection_h handle, const NetworkSnapshot& snapshot);
-    void report_profile(connection_profile_h handle, const NetworkSnapshot& snapshot);
+    void report_profile(const NetworkSnapshot& snapshot);
 
     std::mutex mutex_;
     uintptr_t last_handle_ = 0;
     std::map<connection_h, Client> clients_;
-    std::map<connection_profile_iterator_h, Iterator> iterators_;
-    /** Never shrinks: a profile's handle is never released. */
-    std::map<connection_profile_h, KnownProfile> profiles_;
+    /** Whether each iterator is at its end. */
+    std::map<connection_profile_iterator_h, bool> iterators_;
+    /** Never released. */
+    void* const profile_ = new_handle();
+    ProfileWatch profile_watch_;
 };
 
 }  // namespace linux_platform

@@ -8,6 +8,8 @@
 
 #include "network_clients.h"
 #include "network_monitor.h"
+#include "network_state.h"
+#include "service_manager.h"
 
 #include <cerrno>
 
@@ -49,6 +51,7 @@ int device_state(connection_h connection, connection_type_e type, State* state) 
 using linux_platform::clients;
 using linux_platform::device_state;
 using linux_platform::NetworkMonitor;
+using linux_platform::profile_type;
 using linux_platform::snapshot_for;
 
 extern "C" int connection_create(connection_h* connection) {
@@ -56,6 +59,8 @@ extern "C" int connection_create(connection_h* connection) {
         return -EINVAL;
     }
     *connection = clients().create();
+    // The daemon does this once the agent library is initialised: it has started.
+    linux_platform::notify_started();
     return 0;
 }
 
@@ -108,11 +113,10 @@ extern "C" int connection_get_profile_iterator(connection_h connection,
     if (iterator == nullptr || type != CONNECTION_ITERATOR_TYPE_REGISTERED) {
         return -EINVAL;
     }
-    NetworkMonitor::Snapshot snapshot;
-    if (const int failure = snapshot_for(connection, snapshot)) {
-        return failure;
+    if (!clients().is_client(connection)) {
+        return -EINVAL;
     }
-    *iterator = clients().create_iterator(snapshot->profiles);
+    *iterator = clients().create_iterator();
     return 0;
 }
 
@@ -136,10 +140,12 @@ extern "C" int connection_profile_iterator_next(connection_profile_iterator_h it
 
 extern "C" int connection_profile_get_type(connection_profile_h profile,
                                            connection_profile_type_e* type) {
-    if (type == nullptr) {
+    if (type == nullptr || !clients().is_profile(profile)) {
         return -EINVAL;
     }
-    return clients().profile_type(profile, type) ? 0 : -EINVAL;
+    const NetworkMonitor::Snapshot snapshot = NetworkMonitor::instance().snapshot();
+    *type = profile_type(snapshot ? snapshot->state.type : CONNECTION_TYPE_DISCONNECTED);
+    return 0;
 }
 
 extern "C" int connection_profile_set_state_changed_cb(connection_profile_h profile,

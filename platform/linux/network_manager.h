@@ -4,7 +4,6 @@
 #include "network_state.h"
 
 #include <optional>
-#include <vector>
 
 #include <gio/gio.h>
 
@@ -24,9 +23,6 @@ public:
     static constexpr const char* service = "org.freedesktop.NetworkManager";
     static constexpr const char* manager_path = "/org/freedesktop/NetworkManager";
     static constexpr const char* manager = "org.freedesktop.NetworkManager";
-    static constexpr const char* settings_path = "/org/freedesktop/NetworkManager/Settings";
-    static constexpr const char* settings = "org.freedesktop.NetworkManager.Settings";
-    static constexpr const char* connection = "org.freedesktop.NetworkManager.Settings.Connection";
     static constexpr const char* active = "org.freedesktop.NetworkManager.Connection.Active";
     static constexpr const char* device = "org.freedesktop.NetworkManager.Device";
     static constexpr const char* properties = "org.freedesktop.DBus.Properties";
@@ -42,16 +38,7 @@ public:
      */
     std::optional<NetworkObjects> read_objects(GError** error) const;
 
-    /**
-     * Reads the profiles, sorted; without those that this user may not see.
-     *
-     * @return nothing, with the error set, when the service does not reply
-     */
-    std::optional<std::vector<Profile>> read_profiles(GError** error) const;
-
 private:
-    base::Owned<GVariant> call(const char* path, const char* interface, const char* method,
-                               GVariant* arguments, const char* reply_type, GError** error) const;
     base::Owned<GVariant> get_all(const char* path, const char* interface, GError** error) const;
 
     GDBusConnection* bus_;

@@ -13,8 +13,8 @@ constexpr unsigned gather_ms = 2;
 
 /**
  * A loss is reported once it has lasted this long, or activation_ms while a
- * profile is being activated: activating a profile again interrupts the
- * connection for a moment.
+ * connection is being activated: activating one again interrupts it for a
+ * moment.
  */
 constexpr int settle_ms = 20;
 constexpr int activation_ms = 100;
@@ -55,24 +55,17 @@ NetworkMonitor::Snapshot NetworkMonitor::snapshot() {
 void NetworkMonitor::connected() {
     using Service = NetworkManager;
     retry_delay_.reset();
-    profiles_outdated_ = true;
-    const auto on = [this](GDBusSignalCallback callback, const char* sender, const char* interface,
-                           const char* member, const char* path, const char* arg0) {
-        bus_.subscribe(sender, interface, member, path, arg0, callback, this);
+    const auto on_properties = [this](const char* path, const char* interface) {
+        bus_.subscribe(Service::service, Service::properties, "PropertiesChanged", path, interface,
+                       &on_signal, this);
     };
-    const auto on_properties = [&on](GDBusSignalCallback callback, const char* path,
-                                     const char* interface) {
-        on(callback, Service::service, Service::properties, "PropertiesChanged", path, interface);
-    };
-    on(&on_profile_signal, "org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged",
-       nullptr, Service::service);
-    on(&on_profile_signal, Service::service, Service::connection, "Updated", nullptr, nullptr);
-    on_properties(&on_profile_signal, Service::settings_path, Service::settings);
+    bus_.subscribe("org.freedesktop.DBus", "org.freedesktop.DBus", "NameOwnerChanged", nullptr,
+                   Service::service, &on_signal, this);
     // Restricted to interfaces that describe connections: the signal strength of an access point
     // changes every few seconds.
-    on_properties(&on_signal, Service::manager_path, Service::manager);
-    on_properties(&on_signal, nullptr, Service::active);
-    on_properties(&on_signal, nullptr, Service::device);
+    on_properties(Service::manager_path, Service::manager);
+    on_properties(nullptr, Service::active);
+    on_properties(nullptr, Service::device);
     refresh();
 }
 
@@ -82,15 +75,6 @@ void NetworkMonitor::on_signal(GDBusConnection* /*connection*/, const char* /*se
                                const char* /*path*/, const char* /*interface*/,
                                const char* /*signal*/, GVariant* /*parameters*/, void* self) {
     static_cast<NetworkMonitor*>(self)->refresh_soon();
-}
-
-void NetworkMonitor::on_profile_signal(GDBusConnection* /*connection*/, const char* /*sender*/,
-                                       const char* /*path*/, const char* /*interface*/,
-                                       const char* /*signal*/, GVariant* /*parameters*/,
-                                       void* self) {
-    auto* monitor = static_cast<NetworkMonitor*>(self);
-    monitor->profiles_outdated_ = true;
-    monitor->refresh_soon();
 }
 
 void NetworkMonitor::refresh_soon() {
@@ -133,22 +117,14 @@ void NetworkMonitor::refresh() {
     const NetworkManager service(bus_.connection());
     GError* failure = nullptr;
     std::optional<NetworkState> state = read_settled(service, &failure);
-    if (state && profiles_outdated_) {
-        // Cleared first: a signal that arrives during the reading asks for another one.
-        profiles_outdated_ = false;
-        std::optional<std::vector<Profile>> profiles = service.read_profiles(&failure);
-        if (profiles) {
-            profiles_ = *std::move(profiles);
-        }
-    }
     const base::Owned<GError> error(failure);
-    if (error) {
+    if (!state) {
         refresh_failed(error.get());
         return;
     }
     retry_delay_.reset();
     last_failure_.clear();
-    publish({true, *std::move(state), profiles_, 0, {}});
+    publish({true, *std::move(state)});
 }
 
 std::optional<NetworkState> NetworkMonitor::read_settled(const NetworkManager& service,
@@ -170,7 +146,6 @@ std::optional<NetworkState> NetworkMonitor::read_settled(const NetworkManager& s
 
 void NetworkMonitor::refresh_failed(const GError* error) {
     publish({});
-    profiles_outdated_ = true;
     // A service without an owner of its name announces itself when it starts.
     if (g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_NAME_HAS_NO_OWNER) != FALSE ||
         g_error_matches(error, G_DBUS_ERROR, G_DBUS_ERROR_SERVICE_UNKNOWN) != FALSE ||
@@ -197,15 +172,10 @@ void NetworkMonitor::publish(NetworkSnapshot next) {
         const std::lock_guard<std::mutex> lock(mutex_);
         const NetworkSnapshot nothing;
         const NetworkSnapshot& last = snapshot_ ? *snapshot_ : nothing;
-        next.type_change = next.state.type == last.state.type ? last.type_change : ++changes_;
-        for (const auto& [uuid, state] : next.state.profile_states) {
-            const auto before = last.state.profile_states.find(uuid);
-            const bool is_same =
-                before != last.state.profile_states.end() && before->second == state;
-            next.profile_changes[uuid] = is_same ? last.profile_changes.at(uuid) : ++changes_;
-        }
-        changed =
-            next.type_change != last.type_change || next.profile_changes != last.profile_changes;
+        const bool has_new_type = next.state.type != last.state.type;
+        changed = has_new_type || next.state.profile_state != last.state.profile_state;
+        next.type_change = last.type_change + (has_new_type ? 1 : 0);
+        next.profile_change = last.profile_change + (changed ? 1 : 0);
         snapshot_ = std::make_shared<const NetworkSnapshot>(std::move(next));
     }
     published_.notify_all();

@@ -9,12 +9,10 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <vector>
 
 namespace linux_platform {
 
@@ -23,13 +21,13 @@ struct NetworkSnapshot {
     /** NetworkManager replies. Otherwise nothing counts as connected. */
     bool available = false;
     NetworkState state;
-    std::vector<Profile> profiles;
     /**
-     * Numbers that change whenever the type, or a profile's state, changes: they
-     * reveal changes that a reader missed. A disconnected profile has none.
+     * Numbers that grow whenever the type, or the profile, changes: they reveal
+     * changes that a reader missed. The profile changes with its state, and with
+     * its type: being connected by another type of connection is news as well.
      */
     uint64_t type_change = 0;
-    std::map<std::string, uint64_t> profile_changes;
+    uint64_t profile_change = 0;
 };
 
 /**
@@ -67,9 +65,6 @@ private:
     static void on_signal(GDBusConnection* connection, const char* sender, const char* path,
                           const char* interface, const char* signal, GVariant* parameters,
                           void* self);
-    static void on_profile_signal(GDBusConnection* connection, const char* sender, const char* path,
-                                  const char* interface, const char* signal, GVariant* parameters,
-                                  void* self);
 
     // On the bus client's thread.
     void connected();
@@ -91,9 +86,6 @@ private:
     bool retry_due_ = false;
     RetryDelay retry_delay_;
     std::string last_failure_;
-    std::vector<Profile> profiles_;
-    bool profiles_outdated_ = true;
-    uint64_t changes_ = 0;
 
     std::mutex mutex_;
     std::condition_variable published_;

@@ -1,10 +1,6 @@
 #include "network_state.h"
 
-#include "base/glib_owned.h"
-
 #include <algorithm>
-#include <cstring>
-#include <tuple>
 
 namespace linux_platform {
 
@@ -22,21 +18,15 @@ constexpr unsigned device_state_activated = 100;
 struct ConnectionKind {
     const char* name;
     connection_type_e type;
-    connection_profile_type_e profile_type;
 };
 
-/** NetworkManager's connection types that the platform interface has a type for. */
+/** NetworkManager's connection types that are not Ethernet, nor counted as such. */
 constexpr ConnectionKind connection_kinds[] = {
-    {"802-3-ethernet", CONNECTION_TYPE_ETHERNET, CONNECTION_PROFILE_TYPE_ETHERNET},
-    {"802-11-wireless", CONNECTION_TYPE_WIFI, CONNECTION_PROFILE_TYPE_WIFI},
-    {"gsm", CONNECTION_TYPE_CELLULAR, CONNECTION_PROFILE_TYPE_CELLULAR},
-    {"cdma", CONNECTION_TYPE_CELLULAR, CONNECTION_PROFILE_TYPE_CELLULAR},
-    {"bluetooth", CONNECTION_TYPE_BT, CONNECTION_PROFILE_TYPE_BT},
+    {"802-11-wireless", CONNECTION_TYPE_WIFI},
+    {"gsm", CONNECTION_TYPE_CELLULAR},
+    {"cdma", CONNECTION_TYPE_CELLULAR},
+    {"bluetooth", CONNECTION_TYPE_BT},
 };
-
-/** Any other type: a bridge, bond, VLAN, PPP over Ethernet or tunnel counts as Ethernet. */
-constexpr ConnectionKind mapped_connection = {nullptr, CONNECTION_TYPE_ETHERNET,
-                                              CONNECTION_PROFILE_TYPE_ETHERNET};
 
 struct DeviceKind {
     /** NMDeviceType. */
@@ -50,13 +40,14 @@ constexpr DeviceKind device_kinds[] = {
     {8, CONNECTION_TYPE_CELLULAR}, {20, CONNECTION_TYPE_ETHERNET},  // veth(4)
 };
 
-const ConnectionKind& connection_kind(const char* name) {
+/** A bridge, bond, VLAN, PPP over Ethernet or tunnel counts as Ethernet. */
+connection_type_e connection_type(const std::string& name) {
     for (const ConnectionKind& kind : connection_kinds) {
-        if (strcmp(kind.name, name) == 0) {
-            return kind;
+        if (name == kind.name) {
+            return kind.type;
         }
     }
-    return mapped_connection;
+    return CONNECTION_TYPE_ETHERNET;
 }
 
 int connected_state(connection_type_e type) {
@@ -64,10 +55,13 @@ int connected_state(connection_type_e type) {
                                             : static_cast<int>(CONNECTION_WIFI_STATE_CONNECTED);
 }
 
-ProfileState profile_state(const ActiveConnection& active, const NetworkObjects& objects,
-                           bool is_online) {
+/** How far one active connection is, unless it is the primary one. */
+ProfileState activation_state(const ActiveConnection& active, const NetworkObjects& objects) {
+    if (active.type == loopback_type) {
+        return ProfileState::disconnected;
+    }
     if (active.state == active_state_activated) {
-        return is_online ? ProfileState::connected : ProfileState::configuring;
+        return ProfileState::configuring;
     }
     if (active.state != active_state_activating) {
         return ProfileState::disconnected;
@@ -111,17 +105,12 @@ NetworkState network_state(const NetworkObjects& objects) {
     for (const ActiveConnection& active : objects.active) {
         // NetworkManager names the primary connection some time before it is activated.
         if (active.path == objects.primary && active.state == active_state_activated) {
-            state.type = connection_kind(active.type.c_str()).type;
+            state.type = connection_type(active.type);
         }
+        state.profile_state = std::max(state.profile_state, activation_state(active, objects));
     }
-    const bool is_online = state.type != CONNECTION_TYPE_DISCONNECTED;
-    for (const ActiveConnection& active : objects.active) {
-        const ProfileState of_active = profile_state(active, objects, is_online);
-        // A profile that is activated again, or on two devices, has several active connections.
-        if (of_active != ProfileState::disconnected) {
-            ProfileState& known = state.profile_states[active.uuid];
-            known = std::max(known, of_active);
-        }
+    if (state.type != CONNECTION_TYPE_DISCONNECTED) {
+        state.profile_state = ProfileState::connected;
     }
     state.device_states = device_states(objects, state.type);
     return state;
@@ -132,32 +121,17 @@ bool is_activating(const NetworkObjects& objects) {
                        [](const auto& active) { return active.state == active_state_activating; });
 }
 
-std::optional<Profile> parse_profile(GVariant* settings) {
-    const base::Owned<GVariant> connection(
-        g_variant_lookup_value(settings, "connection", G_VARIANT_TYPE_VARDICT));
-    if (!connection) {
-        return std::nullopt;
+connection_profile_type_e profile_type(connection_type_e type) {
+    switch (type) {
+        case CONNECTION_TYPE_WIFI:
+            return CONNECTION_PROFILE_TYPE_WIFI;
+        case CONNECTION_TYPE_CELLULAR:
+            return CONNECTION_PROFILE_TYPE_CELLULAR;
+        case CONNECTION_TYPE_BT:
+            return CONNECTION_PROFILE_TYPE_BT;
+        default:
+            return CONNECTION_PROFILE_TYPE_ETHERNET;
     }
-    const char* type = "";
-    const char* uuid = "";
-    const char* name = "";
-    gint32 priority = 0;
-    g_variant_lookup(connection.get(), "type", "&s", &type);
-    g_variant_lookup(connection.get(), "uuid", "&s", &uuid);
-    g_variant_lookup(connection.get(), "id", "&s", &name);
-    g_variant_lookup(connection.get(), "autoconnect-priority", "i", &priority);
-    if (*type == '\0' || *uuid == '\0' || strcmp(type, loopback_type) == 0) {
-        return std::nullopt;
-    }
-    const ConnectionKind& kind = connection_kind(type);
-    return Profile{uuid, name, kind.profile_type, kind.name != nullptr, priority};
-}
-
-void sort_profiles(std::vector<Profile>& profiles) {
-    std::sort(profiles.begin(), profiles.end(), [](const Profile& a, const Profile& b) {
-        return std::make_tuple(!a.is_native, -static_cast<int64_t>(a.priority), a.name, a.uuid) <
-               std::make_tuple(!b.is_native, -static_cast<int64_t>(b.priority), b.name, b.uuid);
-    });
 }
 
 }  // namespace linux_platform

@@ -3,20 +3,17 @@
 #include "network_connection.h"
 
 #include <map>
-#include <optional>
 #include <string>
 #include <vector>
 
-#include <glib.h>
-
 namespace linux_platform {
 
-/** A profile's states, as numbered by connection_profile_state_e. */
+/** The profile's states, as numbered by connection_profile_state_e. */
 enum class ProfileState {
     disconnected = 0,
-    /** The device is being prepared: cable, radio, authentication. */
+    /** A network device is being prepared: cable, radio, authentication. */
     associating = 1,
-    /** IP configuration, or addresses without a default route on the device as a whole. */
+    /** IP configuration, or addresses without a default route. */
     configuring = 2,
     connected = CONNECTION_PROFILE_STATE_CONNECTED
 };
@@ -25,23 +22,11 @@ enum class ProfileState {
 constexpr int device_unavailable = 0;
 constexpr int device_disconnected = 1;
 
-/** One of NetworkManager's connections. */
-struct Profile {
-    std::string uuid;
-    std::string name;
-    connection_profile_type_e type = CONNECTION_PROFILE_TYPE_ETHERNET;
-    /** The profile's own type, rather than one that another type is mapped to. */
-    bool is_native = true;
-    /** NetworkManager's connection.autoconnect-priority; the highest comes first. */
-    int priority = 0;
-};
-
-/** One of NetworkManager's active connections: a profile that is, or is becoming, active. */
+/** One of NetworkManager's active connections: one that is, or is becoming, active. */
 struct ActiveConnection {
     std::string path;
     /** A connection type such as "802-3-ethernet". */
     std::string type;
-    std::string uuid;
     /** NMActiveConnectionState. */
     unsigned state = 0;
     std::vector<std::string> devices;
@@ -69,28 +54,17 @@ struct NetworkState {
     connection_type_e type = CONNECTION_TYPE_DISCONNECTED;
     /** By connection type: the per-type states, in that type's own numbers. */
     std::map<connection_type_e, int> device_states;
-    /** By UUID: the states of the profiles that are not disconnected. */
-    std::map<std::string, ProfileState> profile_states;
+    /** Connected exactly while the type is not disconnected; else the most advanced activation. */
+    ProfileState profile_state = ProfileState::disconnected;
 };
 
 NetworkState network_state(const NetworkObjects& objects);
 
-/** Whether any profile is being activated. */
+/** Whether any connection is being activated. */
 bool is_activating(const NetworkObjects& objects);
 
-/**
- * Reads a profile from the settings of a connection.
- *
- * @param settings  "a{sa{sv}}", the reply to a connection's GetSettings; borrowed
- * @return nothing for the loopback connection, or without a type or UUID
+/** The type of the profile that stands for a connection of that type; Ethernet while there is none.
  */
-std::optional<Profile> parse_profile(GVariant* settings);
-
-/**
- * Sorts profiles into an order that depends neither on what is connected nor on
- * NetworkManager's restarts: native types before mapped ones, then by descending
- * autoconnect priority, then by name and UUID.
- */
-void sort_profiles(std::vector<Profile>& profiles);
+connection_profile_type_e profile_type(connection_type_e type);
 
 }  // namespace linux_platform

@@ -34,6 +34,8 @@ constexpr char log_socket_path[] = "/dev/log";
 constexpr size_t line_size = 8192;
 constexpr size_t max_tag_size = 256;
 
+constexpr char escape = '\033';
+
 /** How long a line waits for a logger that hangs: send_attempts minus one times send_pause. */
 constexpr int send_attempts = 10;
 constexpr timespec send_pause = {0, 5000000};
@@ -74,6 +76,30 @@ int log_socket() {
         return none;
     }
     return made.release();
+}
+
+/**
+ * Removes colour sequences, ESC [ parameters m, in place: the daemon writes one into
+ * each line, and a log shows them as "#033[0m".
+ *
+ * @return the size of what remains
+ */
+size_t strip_colours(char* text, size_t size) {
+    const char* const end = text + size;
+    char* out = text;
+    for (const char* in = text; in != end;) {
+        const char* after = in;
+        if (*in == escape && end - in > 1 && in[1] == '[') {
+            after = std::find_if_not(
+                in + 2, end, [](char c) { return (c >= '0' && c <= '9') || c == ';' || c == ':'; });
+        }
+        if (after != in && after != end && *after == 'm') {
+            in = after + 1;
+        } else {
+            *out++ = *in++;
+        }
+    }
+    return static_cast<size_t>(out - text);
 }
 
 bool send_once(int socket, const char* line, size_t size) {
@@ -134,6 +160,7 @@ extern "C" int __dlog_print(int /*log_id*/, int priority, const char* tag, const
     size_t size = begin;
     if (length >= 0) {
         size = std::min(begin + static_cast<size_t>(length), sizeof line - 1);
+        size = begin + strip_colours(line + begin, size - begin);
         if (!send_line(line, size)) {
             // Overwrites the terminating zero, which is no longer needed.
             if (line[size - 1] != '\n') {

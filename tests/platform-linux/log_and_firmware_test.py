@@ -14,11 +14,13 @@ def journal(device, probe, priority):
 def test_logs_lines_with_tag_and_priority(device, probe):
     long_line = "x" * 4000
     assert probe.ask("log 2 a line") == str(len("platform-probe: a line"))
-    for line in ["16 100% \x1b[31m red: [1] tag: <3>", "4 another priority", f"2 {long_line}"]:
+    for line in ["16 100% \x1b[31m red: [1] tag: <3>", "4 another priority", f"2 {long_line}",
+                 "4 \x1b[0;1m\x1b[mplain\x1b[2J\x1bxm\x1b\x1b[1\x1b[m"]:
         probe.ask(f"log {line}")
     assert journal(device, probe, 6) == f"a line\n{long_line}\n"
-    assert journal(device, probe, 3) == "100% \x1b[31m red: [1] tag: <3>\n"
-    assert journal(device, probe, 5) == "another priority\n"
+    assert journal(device, probe, 3) == "100%  red: [1] tag: <3>\n"
+    # Without colours, but otherwise unchanged.
+    assert journal(device, probe, 5) == "another priority\nplain\x1b[2J\x1bxm\x1b\x1b[1\n"
     probe.ask("log 4 " + "y" * 20000)
     assert 8000 < len(journal(device, probe, 5)) < 8300
 

@@ -1,38 +1,14 @@
 """The daemon while its services are killed: before it starts, while it starts, while it idles
 and in the middle of a change. It must live, and notice the next change."""
 
-import contextlib
 import itertools
-import os
-import subprocess
 import time
 
 import pytest
 
-import platform_probe
-from conftest import BUILD, LIBRARY
+from conftest import CONSENT
 
-CONSENT = "db/menu/kelo_home/homedatacontrol/defaultdisclaimeragree"
 STAGES = ["before the start", "during the start", "idle", "during a change"]
-
-
-@pytest.fixture
-def restart_daemon():
-    """Kills the daemon, if it runs, and starts it."""
-    with contextlib.ExitStack() as stack:
-        def restart():
-            stack.close()
-            return stack.enter_context(platform_probe.Process(
-                BUILD / "bin/adagentd", env={**os.environ, "LD_LIBRARY_PATH": str(LIBRARY)}))
-        yield restart
-
-
-@pytest.fixture(scope="module", autouse=True)
-def private_opt():
-    """The daemon's files are its own, and the machine's stay as they are."""
-    subprocess.run("cd /run && mkdir -p opt opt-work && mount -t overlay -o "
-                   "lowerdir=/opt,upperdir=/run/opt,workdir=/run/opt-work opt /opt && "
-                   "mkdir -p /opt/media/Documents", shell=True, check=True)
 
 
 def expect_setting(device, daemon, value):

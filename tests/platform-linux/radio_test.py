@@ -7,6 +7,7 @@ import dbus
 import pytest
 
 import platform_probe
+from conftest import watch
 
 NAME = "org.freedesktop.NetworkManager"
 ROOT = "/org/freedesktop/NetworkManager"
@@ -71,12 +72,10 @@ def mock(device):
      ("bluetooth", 5, "bluetooth", "3 bluetooth", "4 bluetooth", 2)])
 def test_connects_and_disconnects(mock, probe, name, device_type, connection_type, profile_type,
                                   connection, connected):
-    assert probe.ask("watch-type") == "ok"
+    watch(probe)
     assert probe.ask(f"state {name}") == "0"
     mock.add_radio(device_type, connection_type)
     probe.ask_until(f"state {name}", "1")
-    probe.ask_until("profiles", f"0: {profile_type}")
-    assert probe.ask("watch-profile 0") == "ok"
 
     # In NetworkManager's order.
     mock.activate()
@@ -92,6 +91,7 @@ def test_connects_and_disconnects(mock, probe, name, device_type, connection_typ
     assert probe.next_change()[1] == f"type {connection}"
     assert probe.next_change()[1] == "profile 0 3 connected"
     assert probe.ask("type") == connection
+    assert probe.ask("profiles") == f"0: {profile_type}"
     assert probe.ask(f"state {name}") == f"{connected} connected"
     assert probe.ask("state ethernet") == "0"
 
@@ -101,6 +101,20 @@ def test_connects_and_disconnects(mock, probe, name, device_type, connection_typ
     assert probe.next_change()[1] == "type 0 disconnected"
     assert probe.next_change()[1] == "profile 0 0"
     probe.ask_until(f"state {name}", "1")
+    assert probe.ask("profiles") == "0: 2 ethernet"
+
+
+def test_another_type_of_connection_without_a_loss_is_reported(mock, probe):
+    watch(probe)
+    mock.add_radio(1, "802-3-ethernet")
+    mock.activate()
+    mock.set_primary(ACTIVE)
+    mock.set_active_state(2)
+    probe.changes_until("type 3 ethernet", "profile 0 3 connected")
+    mock.update(ACTIVE, ".Connection.Active", Type="802-11-wireless")
+    assert probe.next_change()[1] == "type 1 wifi"
+    assert probe.next_change()[1] == "profile 0 3 connected"
+    assert probe.ask("profiles") == "0: 1 wifi"
 
 
 def test_reports_a_loss_during_an_activation_only_if_it_lasts(mock, probe):
