@@ -1,6 +1,7 @@
 #include "ad_agent.h"
 
 #include "agent.h"
+#include "base/decimal_version.h"
 #include "log.h"
 #include "version.h"
 
@@ -16,7 +17,7 @@ namespace {
 using ad_agent::Agent;
 using ad_agent::log_line;
 
-static_assert(AD_AGENT_VERSION_BUFFER_SIZE == ad_agent::max_version_length + 1);
+static_assert(AD_AGENT_VERSION_BUFFER_SIZE == base::max_version_length + 1);
 
 constexpr char updatable_library[] = "/opt/usr/lib/libad-agent-fwk.so";
 
@@ -30,7 +31,8 @@ const bool had_updatable = access(updatable_library, F_OK) == 0;
 Agent device_agent() {
     return Agent({"/opt/etc/ad-agent.conf", "/opt/usr/apps/adagent",
                   "/opt/down/zels/zelADAgent_img/zelADAgent.img", updatable_library,
-                  "/usr/lib/libad-agent-fwk.so", "/usr/bin/zels/zelADAgent/zelADAgent.xml"});
+                  "/usr/lib/libad-agent-fwk.so", "/usr/bin/zels/zelADAgent/zelADAgent.xml",
+                  "/usr/lib/ad-agent/keys", "/usr/lib/ad-mounter/product"});
 }
 
 /** Runs an entry point's work. Running out of memory must not end the host. */

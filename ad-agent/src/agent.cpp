@@ -9,6 +9,8 @@
 #include "manifest.h"
 #include "settings.h"
 
+#include <ctime>
+
 namespace ad_agent {
 namespace {
 
@@ -53,7 +55,8 @@ void Agent::report_loaded_library(const std::string& file, bool had_updatable) c
         if (had_updatable) {
             log_line("the library of version " + state.installed_version +
                      " failed to load; its image will not be installed again");
-            state.add_bad(state.installed_sha256);
+            state.bad.add({state.installed_sha256, state.installed_version, std::time(nullptr),
+                           "its library failed to load"});
         }
         state.installed_sha256.clear();
     }

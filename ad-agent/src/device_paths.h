@@ -17,6 +17,10 @@ struct DevicePaths {
     std::string firmware_library;
     /** The manifest with the version of the firmware's copy. */
     std::string firmware_manifest;
+    /** The directory of the keys that an index is signed with. */
+    std::string index_keys;
+    /** The file with the product's name. */
+    std::string product;
 };
 
 }  // namespace ad_agent

@@ -1,16 +1,47 @@
 /**
- * What the library remembers about images on this device, in the key file "state.ini"
- * of the data directory.
+ * What the library remembers about images and indexes on this device, in the key file
+ * "state.ini" of the data directory.
  */
 #pragma once
 
 #include "data_directory.h"
 #include "result.h"
 
+#include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace ad_agent {
+
+/** An image that is not offered. Entries of older libraries have a SHA-256 only. */
+struct RefusedImage {
+    std::string sha256;
+    std::string version;
+    /** When it was last refused, in seconds since 1970; 0 if it is not known. */
+    std::int64_t time = 0;
+    std::string reason;
+    /** How often it was refused. */
+    int count = 1;
+};
+
+/** Returns the reason and the day: "REASON here on 2026-11-21". */
+std::string reason_text(const RefusedImage& image);
+
+/** Refused images by their SHA-256, each once, the latest last. Only the latest 32 are kept. */
+class RefusedImages {
+public:
+    const RefusedImage* find(const std::string& sha256) const;
+    /** Adds an image or replaces the one with its SHA-256. */
+    void add(RefusedImage image);
+    const std::vector<RefusedImage>& all() const { return images_; }
+
+private:
+    std::vector<RefusedImage> images_;
+};
+
+/** The IDs of index keys, and the highest serial number of an index accepted from each. */
+using IndexSerials = std::vector<std::pair<std::string, std::uint64_t>>;
 
 struct DeviceState {
     /** The image whose libraries were installed last; empty if it is not known. */
@@ -25,12 +56,17 @@ struct DeviceState {
     /** How often it was offered again because its installation had been interrupted. */
     int repairs = 0;
 
-    /** SHA-256 of the images whose library failed to load here, the latest last. */
-    std::vector<std::string> bad;
+    /** Images whose library failed to load here: refused for good. */
+    RefusedImages bad;
+    /** Images that were downloaded and turned out wrong: refused for some time. */
+    RefusedImages wrong;
 
-    bool is_bad(const std::string& sha256) const;
-    /** Adds a bad image; only the latest 32 are kept. */
-    void add_bad(const std::string& sha256);
+    IndexSerials index_serials;
+
+    /** When and where an update was last looked for, and what came of it. */
+    std::int64_t check_time = 0;
+    std::string check_url;
+    std::string check_result;
 };
 
 /** Reads the state. A missing or unreadable file reads as nothing known. */

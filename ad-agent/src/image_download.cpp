@@ -75,11 +75,14 @@ public:
         request_.on_start = [this](const std::string& etag) { store(etag); };
     }
 
-    /** Completes the part file. Starts over once if what was resumed turns out corrupt. */
-    Result<> run() {
-        auto prepared = prepare();
+    /**
+     * Completes the part file. Starts over once if what was resumed turns out corrupt.
+     * Returns why what the server has is not the image, or none.
+     */
+    Result<std::optional<std::string>> run() {
+        const auto prepared = prepare();
         if (!prepared) {
-            return prepared;
+            return Failure(prepared.error());
         }
         const bool is_resumed = part_.size() > 0;
         auto fetched = fetch_rest();
@@ -90,11 +93,13 @@ public:
             fetched = fetched ? fetch_rest() : fetched;
             reason = fetched ? mismatch(directory_, part_.name(), index_) : std::nullopt;
         }
+        if (!fetched) {
+            return Failure(fetched.error());
+        }
         if (reason) {
             start_over();
-            return failure(request_.url + ": image rejected: " + *reason);
         }
-        return fetched;
+        return reason;
     }
 
 private:
@@ -184,21 +189,23 @@ bool is_downloaded(const DataDirectory& directory, const UpdateIndex& index) {
     return !mismatch(directory, image_name, index);
 }
 
-Result<> download_image(const Settings& settings, const DataDirectory& directory,
-                        const UpdateIndex& index) {
+Result<std::optional<std::string>> download_image(const Settings& settings,
+                                                  const DataDirectory& directory,
+                                                  const UpdateIndex& index) {
     auto part = PartFile::resume(directory, image_name);
     if (!part) {
         return Failure(part.error());
     }
-    auto downloaded = Download(settings, directory, index, *part).run();
-    if (downloaded) {
+    auto reason = Download(settings, directory, index, *part).run();
+    if (reason && !*reason) {
         remove_etag(directory, image_name);
-        return part->commit();
+        const auto committed = part->commit();
+        return committed ? reason : Failure(committed.error());
     }
     if (part->size() > 0) {
         part->keep();
     }
-    return downloaded;
+    return reason;
 }
 
 void remove_download(const DataDirectory& directory) {

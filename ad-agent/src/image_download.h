@@ -8,6 +8,9 @@
 #include "settings.h"
 #include "update_index.h"
 
+#include <optional>
+#include <string>
+
 namespace ad_agent {
 
 /** The downloaded image's name in the data directory. */
@@ -21,9 +24,12 @@ bool is_downloaded(const DataDirectory& directory, const UpdateIndex& index);
  * that was there before stays, and what has arrived stays beside it as a part file. A
  * lost connection is re-established at once, as long as each one yields some bytes and
  * the "image" time-out has not expired.
+ * @return why what the server has is not the index's image, or none; an error if it did
+ *         not arrive
  */
-Result<> download_image(const Settings& settings, const DataDirectory& directory,
-                        const UpdateIndex& index);
+Result<std::optional<std::string>> download_image(const Settings& settings,
+                                                  const DataDirectory& directory,
+                                                  const UpdateIndex& index);
 
 /** Removes the downloaded image and any part of one. */
 void remove_download(const DataDirectory& directory);

@@ -1,28 +1,44 @@
 #include "image_update.h"
 
-#include "cached_document.h"
+#include "base/decimal_version.h"
 #include "device_state.h"
 #include "firmware.h"
 #include "image_download.h"
+#include "image_inspection.h"
+#include "image_target.h"
 #include "log.h"
 #include "manifest.h"
 #include "part_file.h"
 #include "settings.h"
 #include "stored_image.h"
+#include "trusted_index.h"
 #include "update_index.h"
+#include "utc_time.h"
 #include "version.h"
+
+#include <algorithm>
+#include <ctime>
 
 #include <unistd.h>
 
 namespace ad_agent {
 namespace {
 
-constexpr char index_path[] = "/update.ini";
-constexpr char index_name[] = "update.ini";
-constexpr std::uint64_t max_index_size = 64ULL * 1024;
-
 /** After so many repairs in vain the server is asked first. */
 constexpr int max_repairs = 3;
+
+/** A wrong image is not downloaded again for an hour, then two, up to a week. */
+constexpr std::int64_t min_delay = 3600;
+constexpr std::int64_t max_delay = min_delay * 24 * 7;
+
+/** Returns when a wrong image may be downloaded again. */
+std::int64_t retry_time(const RefusedImage& wrong) {
+    std::int64_t delay = min_delay;
+    for (int i = 1; i < wrong.count && delay < max_delay; ++i) {
+        delay *= 2;
+    }
+    return wrong.time + std::min(delay, max_delay);
+}
 
 class Update {
 public:
@@ -30,10 +46,11 @@ public:
         : paths_(paths),
           directory_(directory),
           state_(read_state(directory)),
-          firmware_(firmware_version()),
           stored_(std::move(stored_version)),
           recorded_(read_cache_version(directory.path_of(cache_manifest_name))),
-          builtin_(read_firmware_copy_version(paths.firmware_manifest)) {}
+          builtin_(read_firmware_copy_version(paths.firmware_manifest)) {
+        device_.firmware = firmware_version();
+    }
 
     Result<std::string> run() {
         const bool needs_repair = was_interrupted();
@@ -45,7 +62,7 @@ public:
             }
             log_line("update: " + offered.error().message);
         }
-        auto offered = offer_newer();
+        auto offered = check_server();
         if (offered || !needs_repair || repair_first) {
             return offered;
         }
@@ -61,9 +78,9 @@ private:
      */
     bool was_interrupted() const {
         const bool is_other_firmware =
-            state_.offered_version == stored_ && state_.offered_firmware != firmware_;
-        return is_version(stored_) && stored_ != recorded_ && is_newer(stored_, builtin_) &&
-               !is_other_firmware;
+            state_.offered_version == stored_ && state_.offered_firmware != device_.firmware;
+        return base::is_decimal_version(stored_) && stored_ != recorded_ &&
+               is_newer(stored_, builtin_) && !is_other_firmware;
     }
 
     /** How often the stored image was offered again. */
@@ -75,49 +92,92 @@ private:
             return Failure(copied.error());
         }
         record_offer(stored_, repairs() + 1);
+        save_state();
         return "installation of version " + stored_ +
                " was interrupted; offering the stored image again";
     }
 
-    Result<UpdateIndex> fetch_index(const Settings& settings) const {
-        const auto validate = [](const std::string& text) -> Result<> {
-            const auto index = parse_update_index(text);
-            return index ? Result<>() : Failure(index.error());
-        };
-        const auto document = fetch_document(settings, directory_,
-                                             {index_path, index_name, max_index_size, validate});
-        return document ? parse_update_index(document->text) : Failure(document.error());
-    }
-
-    /** Returns why an image is not for this device, or none if it is. */
-    std::optional<std::string> rejection_reason(const UpdateIndex& index) const {
-        const std::string image = "version " + index.version;
+    /** Returns why an image is not newer than what the device has, or none if it is. */
+    std::optional<std::string> age_reason(const UpdateIndex& index) const {
+        const bool has_copy = access(paths_.updatable_library.c_str(), F_OK) == 0;
         if (!is_newer(index.version, stored_)) {
-            return image + " is not newer than the stored version " + stored_;
+            return "the stored version " + stored_;
         }
         if (!is_newer(index.version, builtin_)) {
-            return image + " is not newer than the firmware's version " + builtin_;
+            return "the firmware's version " + builtin_;
         }
-        const bool has_copy = access(paths_.updatable_library.c_str(), F_OK) == 0;
         if (has_copy && !is_newer(index.version, recorded_)) {
-            return image + " is not newer than the installed version " + recorded_;
-        }
-        if (state_.is_bad(index.sha256)) {
-            return "refusing " + image + ": its library failed to load on this device";
-        }
-        const auto mismatch = firmware_mismatch(index, firmware_);
-        if (mismatch) {
-            return "refusing " + image + ": " + *mismatch;
+            return "the installed version " + recorded_;
         }
         return std::nullopt;
     }
 
-    Result<std::string> offer_newer() {
-        const auto settings = load_settings(paths_.configuration);
-        if (!settings) {
-            return Failure(settings.error());
+    /** Returns why the index's image is not downloaded, or none if it is. */
+    std::optional<std::string> rejection_reason(const UpdateIndex& index) const {
+        const std::string image = "version " + index.version;
+        // Before the versions, so that the reason stays true after a fallback.
+        const RefusedImage* const bad = state_.bad.find(index.sha256);
+        if (bad) {
+            return image + " refused: " + reason_text(*bad);
         }
-        const auto index = fetch_index(*settings);
+        const auto age = age_reason(index);
+        if (age) {
+            return image + " is not newer than " + *age;
+        }
+        auto mismatch = index.target.product.empty()
+                            ? std::nullopt
+                            : product_mismatch(index.target.product, device_);
+        if (!mismatch) {
+            mismatch = firmware_mismatch(index.target, device_.firmware);
+        }
+        if (mismatch) {
+            return image + " refused: " + *mismatch;
+        }
+        const RefusedImage* const wrong = state_.wrong.find(index.sha256);
+        const std::int64_t now = std::time(nullptr);
+        // Not if the index was corrected, nor if the clock was set back since.
+        if (wrong && wrong->version == index.version && wrong->time <= now &&
+            now < retry_time(*wrong)) {
+            return image + " refused until " + format_utc(retry_time(*wrong)) + ": " +
+                   wrong->reason;
+        }
+        return std::nullopt;
+    }
+
+    /** Has the index's image in the data directory. Returns why it is wrong, or none. */
+    Result<std::optional<std::string>> obtain(const Settings& settings, const UpdateIndex& index,
+                                              bool exists) const {
+        if (!exists) {
+            log_line("update: downloading version " + index.version + ", newer than " + stored_);
+            auto wrong = download_image(settings, directory_, index);
+            if (!wrong || *wrong) {
+                return wrong;
+            }
+        }
+        auto wrong = inspect_image(directory_, image_name, index, device_);
+        if (!wrong || *wrong) {
+            remove_download(directory_);
+        }
+        return wrong;
+    }
+
+    /** Remembers a wrong image, so that it is not downloaded again soon. */
+    Failure refuse(const UpdateIndex& index, const std::string& reason) {
+        const RefusedImage* const known = state_.wrong.find(index.sha256);
+        const RefusedImage refused = {index.sha256, index.version, std::time(nullptr), reason,
+                                      known ? known->count + 1 : 1};
+        state_.wrong.add(refused);
+        return failure("version " + index.version + " refused: " + reason +
+                       "; not downloading it again before " + format_utc(retry_time(refused)));
+    }
+
+    Result<std::string> offer_newer(const Settings& settings) {
+        auto product = read_product(paths_.product);
+        if (!product) {
+            return Failure(product.error());
+        }
+        device_.product = std::move(*product);
+        const auto index = fetch_index(settings, directory_, paths_.index_keys, state_);
         if (!index) {
             return Failure(index.error());
         }
@@ -128,12 +188,12 @@ private:
         }
         // Left by an earlier update, if the host did not take it.
         const bool exists = is_downloaded(directory_, *index);
-        if (!exists) {
-            log_line("update: downloading version " + index->version + ", newer than " + stored_);
-            const auto downloaded = download_image(*settings, directory_, *index);
-            if (!downloaded) {
-                return Failure(downloaded.error());
-            }
+        const auto wrong = obtain(settings, *index, exists);
+        if (!wrong) {
+            return Failure(wrong.error());
+        }
+        if (*wrong) {
+            return refuse(*index, **wrong);
         }
         record_offer(index->version, 0);
         return "version " + index->version +
@@ -141,10 +201,27 @@ private:
                directory_.path_of(image_name);
     }
 
+    /** Offers what the server has, and records when that was and what came of it. */
+    Result<std::string> check_server() {
+        const auto settings = load_settings(paths_.configuration);
+        if (!settings) {
+            return Failure(settings.error());
+        }
+        state_.check_time = std::time(nullptr);
+        state_.check_url = index_url(*settings);
+        auto offered = offer_newer(*settings);
+        state_.check_result = offered ? *offered : offered.error().message;
+        save_state();
+        return offered;
+    }
+
     void record_offer(const std::string& version, int repairs) {
         state_.offered_version = version;
-        state_.offered_firmware = firmware_;
+        state_.offered_firmware = device_.firmware;
         state_.repairs = repairs;
+    }
+
+    void save_state() const {
         const auto written = write_state(directory_, state_);
         if (!written) {
             log_line("update: " + written.error().message);
@@ -154,7 +231,7 @@ private:
     const DevicePaths& paths_;
     const DataDirectory& directory_;
     DeviceState state_;
-    std::string firmware_;
+    DeviceIdentity device_;
     /** The versions of the stored image, of what was installed, and of the firmware's copy. */
     std::string stored_;
     std::string recorded_;

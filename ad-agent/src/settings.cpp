@@ -1,14 +1,20 @@
 #include "settings.h"
 
 #include "base/glib_owned.h"
+#include "log.h"
 
+#include <algorithm>
 #include <array>
 #include <string_view>
+#include <vector>
 
 namespace ad_agent {
 namespace {
 
 constexpr int max_timeout = 86400;
+constexpr std::array<std::string_view, 7> known_keys = {
+    "[server] url",     "[server] authorities", "[server] verify", "[timeouts] connect",
+    "[timeouts] stall", "[timeouts] document",  "[timeouts] image"};
 constexpr std::array<std::string_view, 3> schemes = {"http://", "https://", "file:///"};
 
 struct Timeout {
@@ -94,6 +100,24 @@ Result<Settings> read_settings(GKeyFile* file) {
     return settings;
 }
 
+/** Logs the keys that mean nothing here, such as misspelt ones. */
+void warn_of_unknown_keys(GKeyFile* file, const std::string& path) {
+    gsize group_count = 0;
+    gchar** const groups = g_key_file_get_groups(file, &group_count);
+    for (const std::string& group : std::vector<std::string>(groups, groups + group_count)) {
+        gsize key_count = 0;
+        gchar** const keys = g_key_file_get_keys(file, group.c_str(), &key_count, nullptr);
+        for (const std::string& key : std::vector<std::string>(keys, keys + key_count)) {
+            const std::string name = "[" + group + "] " + key;
+            if (std::find(known_keys.begin(), known_keys.end(), name) == known_keys.end()) {
+                log_line("configuration " + path + ": ignoring unknown key " + name);
+            }
+        }
+        g_strfreev(keys);
+    }
+    g_strfreev(groups);
+}
+
 }  // namespace
 
 Result<Settings> load_settings(const std::string& path) {
@@ -103,6 +127,7 @@ Result<Settings> load_settings(const std::string& path) {
         return failure("failed to read configuration " + path + ": " +
                        base::Owned<GError>(error)->message);
     }
+    warn_of_unknown_keys(file.get(), path);
     auto settings = read_settings(file.get());
     if (!settings) {
         settings.error().message.insert(0, "invalid configuration " + path + ": ");

@@ -28,7 +28,10 @@ struct Settings {
     int image_timeout = 900;
 };
 
-/** Reads the key file `path` (GKeyFile). The error names the file and the key. */
+/**
+ * Reads the key file `path` (GKeyFile). The error names the file and the key. Logs keys that are
+ * not known.
+ */
 Result<Settings> load_settings(const std::string& path);
 
 }  // namespace ad_agent

@@ -48,8 +48,9 @@ Result<> copy_stored_image(const std::string& path, const DataDirectory& directo
     if (fstat(stored->get(), &status) != 0) {
         return errno_failure("failed to open " + path);
     }
-    if (state.is_bad(ad_sha256_file(path.c_str()))) {
-        return failure("refusing the stored image: its library failed to load on this device");
+    const RefusedImage* const bad = state.bad.find(ad_sha256_file(path.c_str()));
+    if (bad) {
+        return failure("stored image refused: " + reason_text(*bad));
     }
     remove_download(directory);
     const auto size = static_cast<std::uint64_t>(status.st_size);

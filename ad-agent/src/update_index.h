@@ -6,17 +6,24 @@
  *     size=151552
  *     sha256=<64 hexadecimal digits>
  *     file=zelADAgent-1.06.img
+ *     product=demo-box
  *     min_firmware=T-1200.1
  *     max_firmware=T-1299.9
  *
- * The firmware versions are optional.
+ *     [index]
+ *     serial=42
+ *     issued=2026-11-21T10:00:00Z
+ *     expires=2026-12-21T10:00:00Z
+ *
+ * The product and the firmware versions are optional. A signed index has the second group,
+ * and ends in its signature; see index_signature.h.
  */
 #pragma once
 
+#include "image_target.h"
 #include "result.h"
 
 #include <cstdint>
-#include <optional>
 #include <string>
 
 namespace ad_agent {
@@ -32,20 +39,21 @@ struct UpdateIndex {
     std::string sha256;
     /** A plain name below "images/". */
     std::string file;
-    /** The first and the last firmware that the image is for; empty for any. */
-    std::string min_firmware;
-    std::string max_firmware;
+    ImageTarget target;
 };
 
-/** Parses and validates an index. */
+/** Parses and validates an index, its signature aside. */
 Result<UpdateIndex> parse_update_index(const std::string& text);
 
-/**
- * Compares a firmware version with those that the image is for, as strverscmp(3) does:
- * T-1200.9 is before T-1200.10.
- * @param firmware  empty if it is unknown, which only matches an image for any firmware
- * @return why the image is not for this firmware, or none if it is
- */
-std::optional<std::string> firmware_mismatch(const UpdateIndex& index, const std::string& firmware);
+/** What a signed index says about itself. */
+struct Publication {
+    /** Grows with each publication. */
+    std::uint64_t serial = 0;
+    /** In seconds since 1970. */
+    std::int64_t issued = 0;
+    std::int64_t expires = 0;
+};
+
+Result<Publication> parse_publication(const std::string& text);
 
 }  // namespace ad_agent

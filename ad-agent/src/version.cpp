@@ -1,33 +1,24 @@
 #include "version.h"
 
-#include <cstdlib>
+#include "base/decimal_version.h"
 
 namespace ad_agent {
 namespace {
 
-bool is_number(const std::string& text) {
-    return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
-}
-
-float to_number(const std::string& version) {
-    return static_cast<float>(std::strtod(version.c_str(), nullptr));
+/** Returns the decimal fraction that a text begins with; empty, which is 0, if there is none. */
+std::string leading_number(const std::string& text) {
+    constexpr char digits[] = "0123456789";
+    std::size_t end = std::min(text.find_first_not_of(digits), text.size());
+    if (end < text.size() && text[end] == '.') {
+        end = std::min(text.find_first_not_of(digits, end + 1), text.size());
+    }
+    return text.substr(0, end);
 }
 
 }  // namespace
 
-bool is_version(const std::string& text) {
-    if (text.size() > max_version_length) {
-        return false;
-    }
-    const std::size_t point = text.find('.');
-    if (point == std::string::npos) {
-        return is_number(text);
-    }
-    return is_number(text.substr(0, point)) && is_number(text.substr(point + 1));
-}
-
 bool is_newer(const std::string& version, const std::string& other) {
-    return to_number(version) > to_number(other);
+    return base::compare_versions(leading_number(version), leading_number(other)) > 0;
 }
 
 }  // namespace ad_agent

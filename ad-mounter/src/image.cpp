@@ -1,7 +1,7 @@
 #include "image.h"
 
 #include "base/file_io.h"
-#include "little_endian.h"
+#include "base/little_endian.h"
 
 #include <cerrno>
 
@@ -24,10 +24,10 @@ constexpr uint64_t erofs_incompatible_48bit = 0x80;
 Recognition rejected(const char* reason) { return {reason, FileSystem::squashfs}; }
 
 Recognition recognise_squashfs(const unsigned char* superblock, uint64_t file_size) {
-    const uint64_t block_size = little_endian(superblock + 12, 4);
-    const uint64_t block_log = little_endian(superblock + 22, 2);
-    const uint64_t version = little_endian(superblock + 28, 2);
-    const uint64_t bytes_used = little_endian(superblock + 40, 8);
+    const uint64_t block_size = base::little_endian(superblock + 12, 4);
+    const uint64_t block_log = base::little_endian(superblock + 22, 2);
+    const uint64_t version = base::little_endian(superblock + 28, 2);
+    const uint64_t bytes_used = base::little_endian(superblock + 40, 8);
     if (version != 4) {
         return rejected("unsupported squashfs version");
     }
@@ -41,14 +41,14 @@ Recognition recognise_squashfs(const unsigned char* superblock, uint64_t file_si
 }
 
 Recognition recognise_erofs(const unsigned char* superblock, uint64_t file_size) {
-    const uint64_t block_log = little_endian(superblock + 12, 1);
-    const uint64_t incompatible = little_endian(superblock + 80, 4);
-    uint64_t blocks = little_endian(superblock + 36, 4);
+    const uint64_t block_log = base::little_endian(superblock + 12, 1);
+    const uint64_t incompatible = base::little_endian(superblock + 80, 4);
+    uint64_t blocks = base::little_endian(superblock + 36, 4);
     if (block_log < 9 || block_log > 16) {
         return rejected("invalid erofs superblock");
     }
     if ((incompatible & erofs_incompatible_48bit) != 0) {
-        blocks |= little_endian(superblock + 14, 2) << 32;
+        blocks |= base::little_endian(superblock + 14, 2) << 32;
     }
     if (blocks == 0 || blocks > file_size >> block_log) {
         return rejected("truncated image");
@@ -59,11 +59,11 @@ Recognition recognise_erofs(const unsigned char* superblock, uint64_t file_size)
 }  // namespace
 
 Recognition recognise_image(const unsigned char* header, size_t length, uint64_t file_size) {
-    if (length >= squashfs_superblock && little_endian(header, 4) == squashfs_magic) {
+    if (length >= squashfs_superblock && base::little_endian(header, 4) == squashfs_magic) {
         return recognise_squashfs(header, file_size);
     }
     if (length >= erofs_offset + erofs_superblock &&
-        little_endian(header + erofs_offset, 4) == erofs_magic) {
+        base::little_endian(header + erofs_offset, 4) == erofs_magic) {
         return recognise_erofs(header + erofs_offset, file_size);
     }
     return rejected("not a squashfs or erofs image");

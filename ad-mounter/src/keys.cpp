@@ -63,7 +63,7 @@ Outcome reject_key(int directory, const char* name, const char* reason) {
     return Outcome::entry_refused(EX_DATAERR, "read key", directory, name, reason);
 }
 
-Outcome load_key(int directory, const char* name, PublicKey& key) {
+Outcome load_key(int directory, const char* name, base::PublicKey& key) {
     const base::UniqueFd file(
         open_entry(directory, name, O_RDONLY | O_NONBLOCK | O_NOCTTY, Mounts::cross));
     struct stat status;
@@ -82,7 +82,7 @@ Outcome load_key(int directory, const char* name, PublicKey& key) {
     if (length < 0) {
         return Outcome::entry_failed("read key", directory, name, errno);
     }
-    return parse_public_key({text, static_cast<size_t>(length)}, key)
+    return base::parse_public_key({text, static_cast<size_t>(length)}, key)
                ? Outcome()
                : reject_key(directory, name, "not a minisign public key");
 }

@@ -3,7 +3,7 @@
  */
 #pragma once
 
-#include "minisign.h"
+#include "base/minisign.h"
 #include "outcome.h"
 
 #include <cstddef>
@@ -13,7 +13,7 @@ namespace ad_mounter {
 constexpr size_t max_keys = 16;
 
 struct Keys {
-    PublicKey keys[max_keys];
+    base::PublicKey keys[max_keys];
     size_t count = 0;
 };
 

@@ -1,8 +1,8 @@
 #include "signature.h"
 
 #include "base/file_io.h"
+#include "base/image_trailer.h"
 #include "keys.h"
-#include "trailer.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -51,16 +51,17 @@ Outcome hash_file(int fd, const char* path, uint64_t size, Hash& hash) {
     return {};
 }
 
-bool comment_is_signed(const Signature& signature, const PublicKey& key) {
-    unsigned char message[signature_size + max_trailer_size];
-    memcpy(message, signature.signature, signature_size);
-    memcpy(message + signature_size, signature.comment.data(), signature.comment.size());
+bool comment_is_signed(const base::Signature& signature, const base::PublicKey& key) {
+    unsigned char message[base::signature_size + base::max_trailer_size];
+    memcpy(message, signature.signature, base::signature_size);
+    memcpy(message + base::signature_size, signature.comment.data(), signature.comment.size());
     return crypto_sign_verify_detached(signature.comment_signature, message,
-                                       signature_size + signature.comment.size(), key.key) == 0;
+                                       base::signature_size + signature.comment.size(),
+                                       key.key) == 0;
 }
 
 // Key IDs are not unique, so every key with the right one is tried.
-Outcome check_signature(int fd, const char* path, uint64_t size, const Signature& signature) {
+Outcome check_signature(int fd, const char* path, uint64_t size, const base::Signature& signature) {
     if (sodium_init() < 0) {
         return Outcome::refused(EX_SOFTWARE, "verify", path, "cannot initialise libsodium");
     }
@@ -69,7 +70,7 @@ Outcome check_signature(int fd, const char* path, uint64_t size, const Signature
     bool known = false;
     Hash hash;
     for (size_t i = 0; i < keys.count; ++i) {
-        const PublicKey& key = keys.keys[i];
+        const base::PublicKey& key = keys.keys[i];
         if (memcmp(key.id, signature.key_id, sizeof key.id) != 0) {
             continue;
         }
@@ -98,10 +99,10 @@ Outcome verify_image(int fd, const char* path, VerifiedImage& image) {
         return Outcome::failed("stat", path, errno);
     }
     const auto file_size = static_cast<uint64_t>(status.st_size);
-    unsigned char end[max_trailer_size];
+    unsigned char end[base::max_trailer_size];
     const size_t length = static_cast<size_t>(std::min<uint64_t>(sizeof end, file_size));
     TRY(read_part(fd, path, end, length, file_size - length));
-    const Trailer trailer = parse_trailer(end, length, file_size);
+    const base::Trailer trailer = base::parse_trailer(end, length, file_size);
     if (trailer.rejection != nullptr) {
         return reject(path, trailer.rejection);
     }
@@ -109,7 +110,7 @@ Outcome verify_image(int fd, const char* path, VerifiedImage& image) {
     const uint64_t size = file_size - trailer.length;
     TRY(validate_image(fd, path, size, image.type));
     TRY(check_signature(fd, path, size, trailer.signature));
-    memcpy(image.version, trailer.version, sizeof image.version);
+    copy_version(trailer.comment.version, image.version);
     return {};
 }
 

@@ -1,14 +1,15 @@
 // Runs one operation of the agent as a host does, for the tests in Python: "agent-driver DIRECTORY"
 // and "fetch URL-PATH", "update VERSION", "install VERSION" or "load COPY HAD-UPDATABLE". Exits
 // with 0 or 1, the operation's result, and prints what it left behind in its host. In the
-// environment: FIRMWARE, the platform's answer; CHILDREN, "ignored" to ignore SIGCHLD, "unrelated"
-// for a child of the host's own that ends soon.
+// environment: NOW, the seconds since 1970; FIRMWARE, the platform's answer; CHILDREN, "ignored" to
+// ignore SIGCHLD, "unrelated" for a child of the host's own that ends soon.
 #include "agent.h"
 #include "files.h"
 #include "system_information.h"
 
 #include <csignal>
 #include <cstring>
+#include <ctime>
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -25,7 +26,8 @@ auto count_descriptors() {
 
 bool run(const std::string& root, const std::string& operation, char** arguments) {
     const ad_agent::Agent agent({root + "/agent.conf", root + "/data", root + "/store/image",
-                                 root + "/updatable.so", root + "/builtin.so", root + "/zel.xml"});
+                                 root + "/updatable.so", root + "/builtin.so", root + "/zel.xml",
+                                 root + "/keys", root + "/product"});
     if (operation == "load") {
         agent.report_loaded_library(root + "/" + arguments[0], strcmp(arguments[1], "True") == 0);
         return true;
@@ -47,6 +49,18 @@ int system_info_get_value_string(int key, char** value) {
     return firmware && key == SYSTEM_INFO_KEY_FIRMWARE_VERSION ? 0 : -1;
 }
 #endif
+
+// Takes the place of the C library's.
+time_t time(time_t* result) {
+    const char* const now = getenv("NOW");
+    timespec clock = {};
+    clock_gettime(CLOCK_REALTIME, &clock);
+    const time_t seconds = now ? strtol(now, nullptr, 10) : clock.tv_sec;
+    if (result) {
+        *result = seconds;
+    }
+    return seconds;
+}
 
 int main(int, char** arguments) {
     const char* const mode = getenv("CHILDREN");

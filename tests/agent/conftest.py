@@ -11,9 +11,26 @@ import time
 
 import content_server
 import pytest
+from maker import Maker
+
+MAKER = Maker()
+
+
+def sign(content, version, words="", size=0):
+    """Returns an image with a trailer, and padded to a size."""
+    trailer = MAKER.sign(content, f"version:{version} {words}").trailer()
+    return content + bytes(max(size - len(content + trailer), 0)) + trailer
+
+
+def signature_of(text, maker):
+    """Returns the lines at the end of a signed index."""
+    signed = maker.sign(text.encode(), "an index")
+    return "".join(f"# {line}\n" for line in (signed.untrusted, signed.signature, signed.trusted,
+                                              signed.comment_signature))
+
 
 # Several times as much as one write to a socket takes.
-IMAGE = bytes(range(250)) * 1600
+IMAGE = sign(bytes(range(250)) * 1500, "1.06", size=400000)
 TENTH = len(IMAGE) // 10
 Result = collections.namedtuple("Result", "ok log")
 
@@ -27,19 +44,29 @@ class Server:
         server = content_server.Server(self.content, self.log, self.faults, certificate)
         threading.Thread(target=server.serve_forever, daemon=True).start()
         self.url = f"{'https' if certificate else 'http'}://127.0.0.1:{server.server_port}"
-        self.publish("1.06", IMAGE)
+        self.offer("1.06", IMAGE)
 
     def serve(self, path, content):
         file = self.content / path.lstrip("/")
         file.parent.mkdir(parents=True, exist_ok=True)
         file.write_bytes(content)
 
-    def publish(self, version, image, **keys):
+    def publish(self, version, content=b"newer", words="", **keys):
+        """Offers a new image. Returns it."""
+        image = sign(content, version, words)
+        self.offer(version, image, **keys)
+        return image
+
+    def offer(self, version, image, maker=None, index=None, **keys):
+        """Writes an index, and signs it if there is a maker."""
         keys = {"version": version, "file": f"zelADAgent-{version}.img", "size": len(image),
                 "sha256": hashlib.sha256(image).hexdigest(), **keys}
         lines = ["[image]", *(f"{key}={value}" for key, value in keys.items()), ""]
         self.serve(f"images/{keys['file']}", image)
-        self.serve("update.ini", "\n".join(lines).encode())
+        if index:
+            lines[-1:] = ["[index]", *(f"{key}={value}" for key, value in index.items()), ""]
+        text = "\n".join(lines)
+        self.serve("update.ini", (text + (signature_of(text, maker) if maker else "")).encode())
 
     def misbehave(self, *faults):
         self.faults.write_text("\n".join(faults))

@@ -1,6 +1,7 @@
 // The built library's entry points, with the device's own paths.
 #include "ad_agent.h"
 #include "ad_player.h"
+#include "base/glib_owned.h"
 #include "files.h"
 #include "system_information.h"
 
@@ -41,10 +42,19 @@ TEST(Library, UsesTheDevicesPathsAndAcceptsNullPointers) {
     using test_support::write_file;
     write_file("/opt/etc/ad-agent.conf", "[server]\nurl=file:///opt/web\n");
     write_file("/opt/web/TileAd/v2", "{}");
-    write_file("/opt/web/images/a.img", "abc");
+    // A trailer of the right form, with signatures of nothing but zeros.
+    const std::string signature = "untrusted comment: signature from minisign secret key\nRUQ" +
+                                  std::string(96, 'A') + "=\ntrusted comment: version:1.06 " +
+                                  "min-firmware:T-1200.1\n" + std::string(86, 'A') + "==\n";
+    const std::string image = "abc" + signature + "ADIMGSIG" + static_cast<char>(signature.size()) +
+                              std::string("\1\0\0\1\0\0\0", 7);
+    ASSERT_EQ(signature.size() >> 8, 1U);
+    const base::Owned<char> sha256(
+        g_compute_checksum_for_string(G_CHECKSUM_SHA256, image.data(), gssize(image.size())));
+    write_file("/opt/web/images/a.img", image);
     write_file("/opt/web/update.ini",
-               "[image]\nmin_firmware=T-1200.1\nversion=1.06\nsize=3\nfile=a.img\n"
-               "sha256=ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad\n");
+               "[image]\nmin_firmware=T-1200.1\nversion=1.06\nfile=a.img\nsize=" +
+                   std::to_string(image.size()) + "\nsha256=" + sha256.get() + "\n");
     EXPECT_EQ(ad_agent_config_server("/TileAd/v2"), AD_AGENT_OK);
     EXPECT_EQ(ad_agent_config_server(nullptr), AD_AGENT_FAILED);
     EXPECT_EQ(ad_agent_update("1.06"), AD_AGENT_NO_UPDATE);

@@ -1,5 +1,6 @@
 """Which image an update offers, after whatever has happened to the device."""
 
+import configparser
 import os
 import shutil
 
@@ -7,10 +8,20 @@ import pytest
 from conftest import IMAGE
 
 
+NOW = 1795255200  # 2026-11-21T10:00:00Z
+
+
 @pytest.fixture
 def device(device):
     device.is_installed = False
+    device.environment["NOW"] = str(NOW)
     return device
+
+
+def read_state(device):
+    state = configparser.ConfigParser(interpolation=None, strict=True)
+    state.read(device.data / "state.ini")
+    return state
 
 
 def store(device, image, recorded=None):
@@ -66,8 +77,7 @@ def test_server_after_repairs_in_vain(device, server):
             server.requests()
             device.expect_update(stored, image=image)
             assert bool(server.requests()) == (attempt >= 3)
-    server.publish("1.08", b"newer")
-    device.expect_update("1.07", image=b"newer")
+    device.expect_update("1.07", image=server.publish("1.08"))
 
 
 def test_stored_image_not_after_a_firmware_change(device, server):
@@ -76,11 +86,11 @@ def test_stored_image_not_after_a_firmware_change(device, server):
     for firmware in ({"FIRMWARE": "T-1300.1"}, {}):
         device.environment = firmware
         device.expect_no_update("1.06 is not newer than the stored version 1.06", "1.06")
-    server.publish("1.07", b"newer")
-    device.expect_update("1.06", image=b"newer")
+    newer = server.publish("1.07")
+    device.expect_update("1.06", image=newer)
     # An interrupted installation under the new firmware is completed again.
-    store(device, b"newer", "1.06")
-    device.expect_update("1.07", image=b"newer")
+    store(device, newer, "1.06")
+    device.expect_update("1.07", image=newer)
 
 
 def test_image_is_newer_than_every_copy_and_for_the_firmware(device, server):
@@ -97,10 +107,10 @@ def test_image_is_newer_than_every_copy_and_for_the_firmware(device, server):
     (device.root / "updatable.so").unlink()
     device.expect_update("0.00")
 
-    server.publish("1.07", b"newer", min_firmware="T-1200.2")
-    device.expect_no_update("refusing version 1.07: it requires firmware T-1200.2", "0.00")
+    newer = server.publish("1.07", words="min-firmware:T-1200.2", min_firmware="T-1200.2")
+    device.expect_no_update("version 1.07 refused: it requires firmware T-1200.2", "0.00")
     device.environment = {"FIRMWARE": "T-1200.10"}
-    device.expect_update("0.00", image=b"newer")
+    device.expect_update("0.00", image=newer)
     # The platform reports none, or there is no platform.
     device.environment = {}
     for command in (device.command, [f"{device.command[0]}-without-platform"]):
@@ -124,11 +134,12 @@ def test_bad_image_is_never_offered_again(device, server):
     install(device)
     assert "library of version 1.06 failed to load" in device.run("load", "builtin.so", True).log
     (device.root / "updatable.so").unlink()
-    device.expect_no_update("refusing version 1.06: its library failed to load", "0.00")
+    for stored in ("0.00", "1.06"):  # the reason stays the same at each start
+        reason = "version 1.06 refused: its library failed to load here on 2026-11-21"
+        device.expect_no_update(reason, stored)
     store(device, IMAGE, "1.05")
-    device.expect_no_update("refusing the stored image", "1.06")
-    server.publish("1.07", b"newer")
-    device.expect_update("1.06", image=b"newer")
+    device.expect_no_update("stored image refused: its library failed to load here on", "1.06")
+    device.expect_update("1.06", image=server.publish("1.07"))
 
 
 def test_image_is_bad_only_if_its_library_never_loaded(device):
@@ -143,7 +154,7 @@ def test_image_is_bad_only_if_its_library_never_loaded(device):
         file.write_text(installed)
         for start in starts:
             device.run("load", *start.split())
-        assert ("[bad]\nsha256=\n" not in file.read_text()) == is_bad, starts
+        assert ("failed to load" in file.read_text()) == is_bad, starts
 
     # Installed again by a repair, it keeps its record.
     file.write_text(installed.replace("repairs=0", "repairs=2"))
@@ -155,11 +166,15 @@ def test_image_is_bad_only_if_its_library_never_loaded(device):
     assert "loaded=false" in file.read_text()
 
     # The latest 32 bad images are kept, each once. What is torn reads as nothing known.
-    file.write_text("[installed]\nsha256=new\n[bad]\nsha256=" + "".join(f"{i};" for i in range(32)))
+    file.write_text("[installed]\nsha256=new\nversion=1.07\n"  # as older libraries write it
+                    "[bad]\nsha256=" + "".join(f"{i};" for i in range(32)))
     for _ in range(2):
         device.run("load", "builtin.so", True)
-        bad = file.read_text().split("sha256=")[-1].split(";")
-        assert bad == [*map(str, range(1, 32)), "new", "\n"]
+        state = read_state(device)
+        assert state["bad"] == {
+            "sha256": "".join(f"{i};" for i in range(1, 32)) + "new;", "version": 31 * ";" + "1.07;",
+            "time": 31 * ";" + "2026-11-21T10:00:00Z;", "count": 32 * "1;",
+            "reason": 31 * ";" + "its library failed to load;"}
         file.write_text(file.read_text().replace("sha256=\n", "sha256=new\n", 1))
     file.write_text("torn")
     device.run("load", "builtin.so", True)

@@ -1,9 +1,9 @@
 // The values that the library reads: versions, the configuration and the index.
-#include "device_state.h"
 #include "files.h"
-#include "manifest.h"
+#include "log.h"
 #include "settings.h"
 #include "update_index.h"
+#include "utc_time.h"
 #include "version.h"
 
 #include <tuple>
@@ -15,17 +15,42 @@ namespace {
 
 using Pairs = std::vector<std::pair<std::string, std::string>>;
 
-TEST(Version, IsADecimalFractionComparedAsAFloat) {
-    for (const char* good : {"0", "1.05", "1234567890.12345678"}) {
-        EXPECT_TRUE(is_version(good)) << good;
-    }
-    for (const char* bad : {"", ".", "1.", ".5", "1.0.5", "-1", " 1", "1234567890.123456789"}) {
-        EXPECT_FALSE(is_version(bad)) << bad;
-    }
-    for (const auto& [newer, older] : Pairs{{"1.06", "1.05"}, {"2.9", "2.10"}, {"1", "abc"}}) {
+TEST(Version, OfAHostIsTheNumberThatItBeginsWith) {
+    for (const auto& [newer, older] : Pairs{{"1.06", "1.05"},
+                                            {"2.9", "2.10"},
+                                            {"1", "abc"},
+                                            {"16777217", "16777216"},
+                                            {"1.06", "1.05 beta"},
+                                            {"1.06", "1.05.9"},
+                                            {"0.1", "."},
+                                            {"1", "-2"}}) {
         EXPECT_TRUE(is_newer(newer, older) && !is_newer(older, newer)) << newer;
     }
-    EXPECT_FALSE(is_newer("1.050", "1.05") || is_newer("16777217", "16777216"));
+    EXPECT_FALSE(is_newer("1.050", "1.05") || is_newer("1.05", "1.05 beta"));
+}
+
+TEST(Log, EscapesAndCutsWhatAServerMaySay) {
+    const std::string right_to_left = std::string("\xe2\x80") + '\xae';
+    for (const auto& [text, line] :
+         Pairs{{"gr\u00fc\u00df dich", "gr\u00fc\u00df dich"},
+               {std::string("a\x1b[31m\n\0\x7f", 9), "a\\x1b[31m\\x0a\\x00\\x7f"},
+               {"\u0085" + right_to_left + "\u2028\ue000", "\\u0085\\u202e\\u2028\\ue000"},
+               {"\xff\xc3", "\\xff\\xc3"},
+               {"123456789012345678901234", "123456789012345678901234"},
+               {"1234567890123456789012\u00fc1", "123456789012345678901..."},
+               {"12345678901234567890" + right_to_left, "12345678901234567890..."}}) {
+        EXPECT_EQ(printable(text, 24), line);
+    }
+}
+
+TEST(Time, IsUtcAndHasOneSpelling) {
+    EXPECT_EQ(format_utc(1795255200), "2026-11-21T10:00:00Z");
+    EXPECT_EQ(parse_utc("2026-11-21T10:00:00Z"), 1795255200);
+    for (const char* bad :
+         {"", "2026-11-21", "2026-11-21T10:00:00", "2026-11-31T10:00:00Z", "2026-11-21T10:00:00Z ",
+          " 2026-11-21T10:00:00Z", "2026-1-21T10:00:00Z"}) {
+        EXPECT_FALSE(parse_utc(bad)) << bad;
+    }
 }
 
 TEST(Configuration, HasDefaults) {
@@ -55,18 +80,19 @@ TEST(UpdateIndex, IsRejectedIfAnyValueIsInvalid) {
     EXPECT_EQ(index.sha256, "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef");
 
     // The last value of a key counts.
-    for (const std::string& line :
-         test_support::split_lines("version=1.0.6\nsize=0\nsize=-1\nsize=536870913\n"
-                                   "file=\nfile=.a\nfile=a%2fb\nsha256=abc\ntorn\n"
-                                   "min_firmware=a\\nb\nmax_firmware=" +
-                                   std::string(256, '1') + "\nsha256=" + std::string(64, 'g'))) {
+    for (const std::string& line : test_support::split_lines(
+             "version=1.0.6\nsize=0\nsize=-1\nsize=536870913\n"
+             "file=\nfile=.a\nfile=a%2fb\nsha256=abc\ntorn\n"
+             "min_firmware=a\\nb\nmax_firmware=" +
+             std::string(256, '1') + "\nproduct=a b\nfile=" + std::string(256, 'a') +
+             "\nsha256=" + std::string(64, 'g'))) {
         EXPECT_FALSE(parse_update_index(index_text + line)) << line;
     }
 }
 
 TEST(UpdateIndex, MayBeForCertainFirmwareOnly) {
     const auto fits = [](const std::string& lines, const char* firmware) {
-        return !firmware_mismatch(*parse_update_index(index_text + lines), firmware);
+        return !firmware_mismatch(parse_update_index(index_text + lines)->target, firmware);
     };
     const std::string range = "min_firmware=T-1200.9\nmax_firmware=T-1200.10\n";
     EXPECT_TRUE(fits(range, "T-1200.9") && fits(range, "T-1200.10") && fits("", ""));

@@ -1,10 +1,10 @@
 // What is parsed: command lines, image headers, trailers, manifests, link targets, paths.
 
+#include "base/image_trailer.h"
 #include "command_line.h"
 #include "image.h"
 #include "manifest.h"
 #include "path.h"
-#include "trailer.h"
 #include "tree_rules.h"
 
 #include <cerrno>
@@ -129,12 +129,11 @@ TEST(Trailer, EveryBitCounts) {
     bytes += {1, 0, 0, 0};
     const auto contents = [&bytes] {
         const auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
-        const ad_mounter::Trailer trailer =
-            ad_mounter::parse_trailer(data, bytes.size(), bytes.size());
+        const base::Trailer trailer = base::parse_trailer(data, bytes.size(), bytes.size());
         if (trailer.rejection != nullptr) {
             return std::string();
         }
-        const ad_mounter::Signature& signature = trailer.signature;
+        const base::Signature& signature = trailer.signature;
         return std::to_string(trailer.length) + std::string(signature.comment) +
                std::string(std::begin(signature.key_id), std::end(signature.key_id)) +
                std::string(std::begin(signature.signature), std::end(signature.signature)) +
@@ -148,6 +147,66 @@ TEST(Trailer, EveryBitCounts) {
         EXPECT_NE(contents(), original) << "bit " << bit % 8 << " of byte " << bit / 8;
         bytes[bit / 8] = static_cast<char>(bytes[bit / 8] ^ 1 << bit % 8);
     }
+}
+
+TEST(DecimalVersion, IsComparedExactly) {
+    const char* const ascending[][2] = {
+        {"0", "00.00"},     {"0.05", "0.050"},          {"0.9", "00.9"},
+        {"1", "1.0"},       {"1.05", "1.050"},          {"1.1", "1.10"},
+        {"1.25", "1.2500"}, {"1.9", "01.90"},           {"9", "9.0"},
+        {"10", "0010"},     {"16777216", "16777216.0"}, {"16777217", "016777217"}};
+    for (size_t i = 0; i < std::size(ascending); ++i) {
+        for (size_t j = 0; j < std::size(ascending); ++j) {
+            const int result = base::compare_versions(ascending[i][0], ascending[j][1]);
+            EXPECT_EQ((result > 0) - (result < 0), (i > j) - (i < j))
+                << ascending[i][0] << " and " << ascending[j][1];
+            EXPECT_TRUE(base::is_decimal_version(ascending[i][1]));
+        }
+    }
+    for (const char* text : {"", ".", "1.", ".5", "1.2.3", "-1", "+1", "1e3", " 1", "1.5a", "1..5",
+                             "123456789.1234567890"}) {
+        EXPECT_FALSE(base::is_decimal_version(text)) << text;
+    }
+}
+
+TEST(TrustedComment, StatesEachKnownWordOnceAndWellFormed) {
+    base::TrustedComment comment;
+    EXPECT_EQ(base::parse_trusted_comment(
+                  "file:a version:1.06 product:demo-box\t min-firmware:T-1200.1 "
+                  "max-firmware:T-1299.9  released:2028-02-29T23:59:59Z products:x",
+                  comment),
+              nullptr);
+    EXPECT_EQ(comment.version, "1.06");
+    EXPECT_EQ(comment.product, "demo-box");
+    EXPECT_EQ(comment.min_firmware, "T-1200.1");
+    EXPECT_EQ(comment.max_firmware, "T-1299.9");
+    EXPECT_EQ(comment.released, "2028-02-29T23:59:59Z");
+    const std::string long_product = "product:" + std::string(64, 'a');
+    const std::string long_firmware = "max-firmware:" + std::string(256, 'a');
+    const std::vector<std::string> refused = {
+        "version:1",         "version:2",
+        "version:",          "product:a product:a",
+        "product:",          "product:a/b",
+        "product:a\x80",     long_product,
+        "min-firmware:",     "min-firmware:a min-firmware:a",
+        "min-firmware:a\\",  "max-firmware:a max-firmware:b",
+        "max-firmware:\x7f", long_firmware,
+        "released:",         "released:2026-01-01T00:00:00Z released:2026-01-01T00:00:00Z"};
+    for (const std::string& words : refused) {
+        EXPECT_NE(base::parse_trusted_comment("version:2 " + words, comment), nullptr) << words;
+    }
+    EXPECT_NE(base::parse_trusted_comment("product:a Version:1 xversion:1", comment), nullptr);
+    for (const char* time : {"2026-02-29T00:00:00Z", "2100-02-29T00:00:00Z", "2026-04-31T00:00:00Z",
+                             "2026-00-01T00:00:00Z", "2026-13-01T00:00:00Z", "2026-01-00T00:00:00Z",
+                             "2026-01-32T00:00:00Z", "2026-01-01T24:00:00Z", "2026-01-01T00:60:00Z",
+                             "2026-01-01T00:00:60Z", "2026-01-01T00:00:00", "2026-01-01t00:00:00Z",
+                             "2026-01-01T00:00:0:Z", "2026-01-01T00:00:00+"}) {
+        EXPECT_FALSE(base::is_utc_time(time)) << time;
+    }
+    // A value may look like another word.
+    EXPECT_EQ(base::parse_trusted_comment("version:1 min-firmware:product:a", comment), nullptr);
+    EXPECT_EQ(comment.product, "");
+    EXPECT_TRUE(base::is_utc_time("2000-02-29T00:00:00Z"));
 }
 
 TEST(Manifest, VersionIsTheFirstInTheRoot) {

@@ -14,6 +14,7 @@ path pattern (see fnmatch), a fault and its argument; the first one that matches
     /images/*    shift 10      answer a range with one that starts so much later
     *            noetag        send no ETag; with a number, cut as well
     *            endless       send bytes without end
+    *            drip          send a byte ten times a second
     *            garbage       answer with bytes that are not HTTP
     *            status 404    answer with that status and an HTML page
     *            redirect      redirect to the same path, for ever, or to the given URL
@@ -29,6 +30,7 @@ import os
 import posixpath
 import re
 import ssl
+import time
 
 PAGE = b"<html><body>Please log in to use this network.</body></html>\n"
 
@@ -89,7 +91,11 @@ class Handler(http.server.BaseHTTPRequestHandler):
         length = number if fault == "declare" else len(body)
         sent = body[:number] if fault in ("stall", "cut", "noetag") else body
         headers = {"ETag": etag, "Content-Range": content_range}
-        self.answer(logged, status, sent, length, **headers)
+        self.answer(logged, status, sent[:0] if fault == "drip" else sent, length, **headers)
+        if fault == "drip":
+            for byte in sent:
+                time.sleep(0.1)
+                self.wfile.write(bytes([byte]))
         if fault == "stall":
             self.rfile.read()  # until the client gives up
 

@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace ad_mounter {
+namespace base {
 
 /** The unsigned number in the `width` bytes at `bytes`, lowest byte first. */
 inline uint64_t little_endian(const unsigned char* bytes, size_t width) {
@@ -17,4 +17,4 @@ inline uint64_t little_endian(const unsigned char* bytes, size_t width) {
     return value;
 }
 
-}  // namespace ad_mounter
+}  // namespace base
