@@ -30,7 +30,8 @@ const bool had_updatable = access(updatable_library, F_OK) == 0;
 /** The library on this device. */
 Agent device_agent() {
     return Agent({"/opt/etc/ad-agent.conf", "/opt/usr/apps/adagent",
-                  "/opt/down/zels/zelADAgent_img/zelADAgent.img", updatable_library,
+                  "/opt/down/zels/zelADAgent_img/zelADAgent.img",
+                  "/opt/down/zels/zelADAgent_img/zelADAgent.floor", updatable_library,
                   "/usr/lib/libad-agent-fwk.so", "/usr/bin/zels/zelADAgent/zelADAgent.xml",
                   "/usr/lib/ad-agent/keys", "/usr/lib/ad-mounter/product"});
 }

@@ -12,6 +12,8 @@ struct DevicePaths {
     std::string data_directory;
     /** The image that was installed last. */
     std::string stored_image;
+    /** The file with the highest version that was ever stored. */
+    std::string floor;
     /** The copy of this library that updates install, and that of the firmware. */
     std::string updatable_library;
     std::string firmware_library;

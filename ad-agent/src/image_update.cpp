@@ -3,6 +3,7 @@
 #include "base/decimal_version.h"
 #include "device_state.h"
 #include "firmware.h"
+#include "guard_list.h"
 #include "image_download.h"
 #include "image_inspection.h"
 #include "image_target.h"
@@ -97,17 +98,22 @@ private:
                " was interrupted; offering the stored image again";
     }
 
-    /** Returns why an image is not newer than what the device has, or none if it is. */
-    std::optional<std::string> age_reason(const UpdateIndex& index) const {
+    /** Returns why a version is not newer than what the device has and had, or none if it is. */
+    std::optional<std::string> age_reason(const std::string& version) const {
         const bool has_copy = access(paths_.updatable_library.c_str(), F_OK) == 0;
-        if (!is_newer(index.version, stored_)) {
-            return "the stored version " + stored_;
+        if (!is_newer(version, stored_)) {
+            return "not newer than the stored version " + stored_;
         }
-        if (!is_newer(index.version, builtin_)) {
-            return "the firmware's version " + builtin_;
+        if (!is_newer(version, builtin_)) {
+            return "not newer than the firmware's version " + builtin_;
         }
-        if (has_copy && !is_newer(index.version, recorded_)) {
-            return "the installed version " + recorded_;
+        if (has_copy && !is_newer(version, recorded_)) {
+            return "not newer than the installed version " + recorded_;
+        }
+        // The host could not store it.
+        const std::string floor = read_floor(paths_.floor);
+        if (is_newer(floor, version)) {
+            return "older than " + floor + ", the highest version ever stored here";
         }
         return std::nullopt;
     }
@@ -116,13 +122,13 @@ private:
     std::optional<std::string> rejection_reason(const UpdateIndex& index) const {
         const std::string image = "version " + index.version;
         // Before the versions, so that the reason stays true after a fallback.
-        const RefusedImage* const bad = state_.bad.find(index.sha256);
+        const auto bad = find_bad_image(directory_, state_, index.sha256);
         if (bad) {
             return image + " refused: " + reason_text(*bad);
         }
-        const auto age = age_reason(index);
+        const auto age = age_reason(index.version);
         if (age) {
-            return image + " is not newer than " + *age;
+            return image + " is " + *age;
         }
         auto mismatch = index.target.product.empty()
                             ? std::nullopt

@@ -1,9 +1,12 @@
 #include "stored_image.h"
 
 #include "ADDigest.h"
+#include "base/decimal_version.h"
+#include "guard_list.h"
 #include "image_download.h"
 #include "part_file.h"
 #include "regular_file.h"
+#include "version.h"
 
 #include <cerrno>
 
@@ -48,7 +51,7 @@ Result<> copy_stored_image(const std::string& path, const DataDirectory& directo
     if (fstat(stored->get(), &status) != 0) {
         return errno_failure("failed to open " + path);
     }
-    const RefusedImage* const bad = state.bad.find(ad_sha256_file(path.c_str()));
+    const auto bad = find_bad_image(directory, state, ad_sha256_file(path.c_str()));
     if (bad) {
         return failure("stored image refused: " + reason_text(*bad));
     }
@@ -66,6 +69,14 @@ Result<> copy_stored_image(const std::string& path, const DataDirectory& directo
         return errno_failure("failed to copy " + path + " to " + directory.path_of(part->name()));
     }
     return part->commit();
+}
+
+std::string read_floor(const std::string& path) {
+    auto text = read_regular_file(AT_FDCWD, path, O_NOFOLLOW, base::max_version_length + 1);
+    if (text && !text->empty() && text->back() == '\n') {
+        text->pop_back();
+    }
+    return text && base::is_decimal_version(*text) ? *text : no_version;
 }
 
 }  // namespace ad_agent

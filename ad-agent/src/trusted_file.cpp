@@ -29,7 +29,7 @@ Result<OptionalFd> open_entry(int directory, const std::string& name, const std:
     if (!fd || fstat(fd.get(), &status) != 0) {
         return errno_failure("failed to open " + path);
     }
-    const bool is_directory = S_ISDIR(status.st_mode);
+    const bool is_directory = (flags & O_DIRECTORY) != 0;
     // Nobody but the owner of a file can replace it in a sticky directory.
     const bool is_sticky = is_directory && (status.st_mode & S_ISVTX) != 0;
     const bool others_may_write = (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 && !is_sticky;

@@ -26,8 +26,9 @@ auto count_descriptors() {
 
 bool run(const std::string& root, const std::string& operation, char** arguments) {
     const ad_agent::Agent agent({root + "/agent.conf", root + "/data", root + "/store/image",
-                                 root + "/updatable.so", root + "/builtin.so", root + "/zel.xml",
-                                 root + "/keys", root + "/product"});
+                                 root + "/store/floor", root + "/updatable.so",
+                                 root + "/builtin.so", root + "/zel.xml", root + "/keys",
+                                 root + "/product"});
     if (operation == "load") {
         agent.report_loaded_library(root + "/" + arguments[0], strcmp(arguments[1], "True") == 0);
         return true;

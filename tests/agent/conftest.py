@@ -1,6 +1,7 @@
 """A content server, and a device that is configured for it."""
 
 import collections
+import configparser
 import hashlib
 import os
 import pathlib
@@ -13,12 +14,13 @@ import content_server
 import pytest
 from maker import Maker
 
+NOW = 1795255200  # 2026-11-21T10:00:00Z
 MAKER = Maker()
 
 
-def sign(content, version, words="", size=0):
+def sign(content, comment, size=0):
     """Returns an image with a trailer, and padded to a size."""
-    trailer = MAKER.sign(content, f"version:{version} {words}").trailer()
+    trailer = MAKER.sign(content, comment).trailer()
     return content + bytes(max(size - len(content + trailer), 0)) + trailer
 
 
@@ -30,7 +32,7 @@ def signature_of(text, maker):
 
 
 # Several times as much as one write to a socket takes.
-IMAGE = sign(bytes(range(250)) * 1500, "1.06", size=400000)
+IMAGE = sign(bytes(range(250)) * 1500, "version:1.06", 400000)
 TENTH = len(IMAGE) // 10
 Result = collections.namedtuple("Result", "ok log")
 
@@ -53,7 +55,7 @@ class Server:
 
     def publish(self, version, content=b"newer", words="", **keys):
         """Offers a new image. Returns it."""
-        image = sign(content, version, words)
+        image = sign(content, f"version:{version} {words}")
         self.offer(version, image, **keys)
         return image
 
@@ -137,6 +139,11 @@ class Device:
         result = self.update(*arguments, **options)
         assert not result.ok and reason in result.log, result.log
         return result.log
+
+    def state(self):
+        state = configparser.ConfigParser(interpolation=None)
+        state.read(self.data / "state.ini")
+        return state
 
     def names(self, pattern="*"):
         return {path.name for path in self.data.glob(pattern)}

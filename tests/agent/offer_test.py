@@ -1,14 +1,11 @@
 """Which image an update offers, after whatever has happened to the device."""
 
-import configparser
+import hashlib
 import os
 import shutil
 
 import pytest
-from conftest import IMAGE
-
-
-NOW = 1795255200  # 2026-11-21T10:00:00Z
+from conftest import IMAGE, NOW
 
 
 @pytest.fixture
@@ -16,12 +13,6 @@ def device(device):
     device.is_installed = False
     device.environment["NOW"] = str(NOW)
     return device
-
-
-def read_state(device):
-    state = configparser.ConfigParser(interpolation=None, strict=True)
-    state.read(device.data / "state.ini")
-    return state
 
 
 def store(device, image, recorded=None):
@@ -105,6 +96,9 @@ def test_image_is_newer_than_every_copy_and_for_the_firmware(device, server):
     device.write("updatable.so", "a library")
     device.expect_no_update("1.06 is not newer than the installed version 1.06", "0.00")
     (device.root / "updatable.so").unlink()
+    device.write("store/floor", "1.061\n")
+    device.expect_no_update("1.06 is older than 1.061, the highest version ever stored", "0.00")
+    device.write("store/floor", "1.060\n")
     device.expect_update("0.00")
 
     newer = server.publish("1.07", words="min-firmware:T-1200.2", min_firmware="T-1200.2")
@@ -130,15 +124,20 @@ def test_installed_version_is_one_of_a_whole_manifest(device):
         assert device.run("install", version).ok
 
 
-def test_bad_image_is_never_offered_again(device, server):
+@pytest.mark.parametrize("finder, found", [("library", "its library failed to load"),
+                                           ("guard", "its library crashed")])
+def test_bad_image_is_never_offered_again(device, server, finder, found):
     install(device)
-    assert "library of version 1.06 failed to load" in device.run("load", "builtin.so", True).log
+    if finder == "library":
+        assert "failed to load; its image" in device.run("load", "builtin.so", True).log
+    else:
+        device.write("data/guard-bad.ini", f"""[{'a' * 64}]\n[{hashlib.sha256(IMAGE).hexdigest()}]
+version=1.06\ntime=2026-11-21T10:00:00Z\nreason={found}\n""")
     (device.root / "updatable.so").unlink()
     for stored in ("0.00", "1.06"):  # the reason stays the same at each start
-        reason = "version 1.06 refused: its library failed to load here on 2026-11-21"
-        device.expect_no_update(reason, stored)
+        device.expect_no_update(f"version 1.06 refused: {found} here on 2026-11-21", stored)
     store(device, IMAGE, "1.05")
-    device.expect_no_update("stored image refused: its library failed to load here on", "1.06")
+    device.expect_no_update(f"stored image refused: {found} here on 2026-11-21", "1.06")
     device.expect_update("1.06", image=server.publish("1.07"))
 
 
@@ -170,10 +169,10 @@ def test_image_is_bad_only_if_its_library_never_loaded(device):
                     "[bad]\nsha256=" + "".join(f"{i};" for i in range(32)))
     for _ in range(2):
         device.run("load", "builtin.so", True)
-        state = read_state(device)
-        assert state["bad"] == {
-            "sha256": "".join(f"{i};" for i in range(1, 32)) + "new;", "version": 31 * ";" + "1.07;",
-            "time": 31 * ";" + "2026-11-21T10:00:00Z;", "count": 32 * "1;",
+        assert device.state()["bad"] == {
+            "sha256": "".join(f"{i};" for i in range(1, 32)) + "new;",
+            "version": 31 * ";" + "1.07;", "count": 32 * "1;",
+            "time": 31 * ";" + "2026-11-21T10:00:00Z;",
             "reason": 31 * ";" + "its library failed to load;"}
         file.write_text(file.read_text().replace("sha256=\n", "sha256=new\n", 1))
     file.write_text("torn")
