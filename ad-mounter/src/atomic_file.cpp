@@ -68,8 +68,7 @@ Outcome AtomicFile::commit(const Ownership& ownership, Existing existing) {
         return Outcome::failed("rename temporary file to", target_.path, error);
     }
     pending_ = false;
-    return fsync(directory) == 0 ? Outcome()
-                                 : Outcome::failed("sync directory of", target_.path, errno);
+    return sync_parent(target_);
 }
 
 }  // namespace ad_mounter

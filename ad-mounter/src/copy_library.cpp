@@ -1,7 +1,7 @@
 #include "atomic_file.h"
 #include "directories.h"
 #include "file_copy.h"
-#include "path.h"
+#include "mounted_image.h"
 #include "verbs.h"
 
 #include <cerrno>
@@ -13,10 +13,11 @@
 namespace ad_mounter {
 
 Outcome copy_library(const Operation& operation, const Caller& caller) {
-    const base::UniqueFd source(open_path(operation.first, O_RDONLY | O_NONBLOCK | O_NOCTTY));
+    base::UniqueFd source;
+    TRY(open_mounted(operation.first, O_RDONLY | O_NONBLOCK | O_NOCTTY, source));
     struct stat status;
-    if (!source || fstat(source.get(), &status) != 0) {
-        return Outcome::failed("open", operation.first, errno);
+    if (fstat(source.get(), &status) != 0) {
+        return Outcome::failed("stat", operation.first, errno);
     }
     if (!S_ISREG(status.st_mode)) {
         return Outcome::refused(EX_DATAERR, "copy", operation.first, "not a regular file");

@@ -1,4 +1,5 @@
 #include "directories.h"
+#include "mounted_image.h"
 #include "path.h"
 #include "removal.h"
 #include "tree_copy.h"
@@ -22,10 +23,10 @@ struct Source {
 };
 
 Outcome open_source(const char* path, Source& source) {
-    source.directory.reset(open_path(path, O_RDONLY | O_DIRECTORY));
+    TRY(open_mounted(path, O_RDONLY | O_DIRECTORY, source.directory));
     struct stat status;
-    if (!source.directory || fstat(source.directory.get(), &status) != 0) {
-        return Outcome::failed("open", path, errno);
+    if (fstat(source.directory.get(), &status) != 0) {
+        return Outcome::failed("stat", path, errno);
     }
     source.mode = status.st_mode;
     return {};
@@ -128,9 +129,7 @@ Outcome copy_tree(const Operation& operation, const Caller& caller) {
         (void)remove_recursively(target.directory.get(), temporary.text, target.path);
         return outcome;
     }
-    if (fsync(target.directory.get()) != 0) {
-        return Outcome::failed("sync directory of", target.path, errno);
-    }
+    TRY(sync_parent(target));
     return remove_siblings(target);
 }
 

@@ -10,13 +10,13 @@ namespace {
 
 Outcome create_file(const Operation& operation, const Caller& caller) {
     Target target;
-    TRY(ensure_parent(operation, caller, target));
+    TRY(ensure_parent(operation, caller, target, Found::sync));
     AtomicFile file(target);
     TRY(file.remove_leftover());
     TRY(refuse_symbolic_link(target));
     struct stat status;
     if (target_status(target, status) == 0) {
-        return S_ISREG(status.st_mode) ? Outcome()
+        return S_ISREG(status.st_mode) ? sync_parent(target)
                                        : Outcome::refused(EX_CANTCREAT, "create", operation.target,
                                                           "exists but is not a regular file");
     }

@@ -17,12 +17,6 @@ constexpr size_t static_buffer_size = size_t{256} << 10;
 // How much is copied, and handed to write-back, at a time.
 constexpr size_t piece_size = size_t{1} << 20;
 
-// Errors do not matter: fsync() reports them.
-void start_write_back(int fd, uint64_t offset, size_t size) {
-    (void)sync_file_range(fd, static_cast<off64_t>(offset), static_cast<off64_t>(size),
-                          SYNC_FILE_RANGE_WRITE);
-}
-
 // Copies from page cache to page cache, `done` bytes in the end: fewer than `size` where the
 // file system cannot do it. Returns 0 or an errno value.
 int copy_in_kernel(int from, int to, uint64_t size, uint64_t& done) {
@@ -45,6 +39,11 @@ int copy_in_kernel(int from, int to, uint64_t size, uint64_t& done) {
 }
 
 }  // namespace
+
+void start_write_back(int fd, uint64_t offset, size_t size) {
+    (void)sync_file_range(fd, static_cast<off64_t>(offset), static_cast<off64_t>(size),
+                          SYNC_FILE_RANGE_WRITE);
+}
 
 int copy_bytes(int from, int to, uint64_t size, char* buffer, size_t buffer_size) {
     uint64_t done = 0;

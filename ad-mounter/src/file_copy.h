@@ -15,6 +15,9 @@ namespace ad_mounter {
  */
 int copy_bytes(int from, int to, uint64_t size, char* buffer, size_t buffer_size);
 
+/** Starts the write-back of `size` bytes at `offset`; errors are left to fsync(2). */
+void start_write_back(int fd, uint64_t offset, size_t size);
+
 /** As above with a static buffer; not thread-safe. */
 int copy_bytes(int from, int to, uint64_t size);
 

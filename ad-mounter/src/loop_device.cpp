@@ -47,6 +47,49 @@ int open_loop_device(unsigned number, char* path, size_t size) {
     return fd.release();
 }
 
+// Whether the device is over the whole of `image`, read-only, and detaches itself.
+bool is_attached(int loop, int image) {
+    loop_info64 info = {};
+    struct stat status;
+    constexpr unsigned flags = LO_FLAGS_READ_ONLY | LO_FLAGS_AUTOCLEAR;
+    return ioctl(loop, LOOP_GET_STATUS64, &info) == 0 && fstat(image, &status) == 0 &&
+           info.lo_device == status.st_dev && info.lo_inode == status.st_ino &&
+           info.lo_offset == 0 && info.lo_sizelimit == 0 && (info.lo_flags & flags) == flags;
+}
+
+// Before Linux 5.8. The device is read-only because `loop` and `image` are.
+int attach_in_two_steps(int loop, int image, const loop_info64& info) {
+    if (ioctl(loop, LOOP_SET_FD, image) != 0) {
+        return errno;
+    }
+    if (ioctl(loop, LOOP_SET_STATUS64, &info) == 0) {
+        return 0;
+    }
+    const int error = errno;
+    ioctl(loop, LOOP_CLR_FD, 0);
+    return error;
+}
+
+// Returns 0 or an errno value.
+int attach(int loop, int image, const char* file_name) {
+    loop_config config = {};
+    config.fd = static_cast<unsigned>(image);
+    config.info.lo_flags = LO_FLAGS_READ_ONLY | LO_FLAGS_AUTOCLEAR;
+    snprintf(reinterpret_cast<char*>(config.info.lo_file_name), sizeof config.info.lo_file_name,
+             "%s", file_name);
+    int error = ioctl(loop, LOOP_CONFIGURE, &config) == 0 ? 0 : errno;
+    // What kernels report for a request that they do not know.
+    if (error == EINVAL || error == ENOTTY || error == ENOSYS) {
+        config.info.lo_flags = LO_FLAGS_AUTOCLEAR;
+        error = attach_in_two_steps(loop, image, config.info);
+    }
+    if (error == 0 && !is_attached(loop, image)) {
+        ioctl(loop, LOOP_CLR_FD, 0);
+        error = ENXIO;
+    }
+    return error;
+}
+
 bool is_temporary(int error) { return error == EBUSY || error == EAGAIN || error == ENXIO; }
 
 }  // namespace
@@ -57,11 +100,6 @@ Outcome attach_loop_device(int image, const char* file_name, LoopDevice& loop) {
     if (!control) {
         return Outcome::failed("open", control_path, errno);
     }
-    loop_config config = {};
-    config.fd = static_cast<unsigned>(image);
-    config.info.lo_flags = LO_FLAGS_READ_ONLY | LO_FLAGS_AUTOCLEAR;
-    snprintf(reinterpret_cast<char*>(config.info.lo_file_name), sizeof config.info.lo_file_name,
-             "%s", file_name);
     int error = 0;
     for (int attempt = 0; attempt < attach_attempts; ++attempt) {
         pause_before(attempt);
@@ -71,10 +109,10 @@ Outcome attach_loop_device(int image, const char* file_name, LoopDevice& loop) {
         } else {
             loop.fd.reset(
                 open_loop_device(static_cast<unsigned>(number), loop.path, sizeof loop.path));
-            if (loop.fd && ioctl(loop.fd.get(), LOOP_CONFIGURE, &config) == 0) {
+            error = loop.fd ? attach(loop.fd.get(), image, file_name) : errno;
+            if (error == 0) {
                 return {};
             }
-            error = errno;
             loop.fd.reset();
         }
         if (!is_temporary(error)) {

@@ -57,7 +57,7 @@ Outcome perform(const Operation& operation, const Caller& caller) {
 Outcome perform_request(const Command& command) {
     Caller caller = {};
     TRY(become_root(caller));
-    TRY(drop_privileges(*command.spec));
+    TRY(drop_privileges(*command.spec, *command.operation));
     RunLock lock;
     TRY(lock.acquire());
     block_signals();
@@ -69,8 +69,11 @@ Outcome perform_request(const Command& command) {
     return {};
 }
 
-int run(int argc, const char* const* argv) {
-    Outcome outcome = prepare_process();
+// Not inlined into main(), where its stack would be in use before the limit is raised.
+[[gnu::noinline]] int run(int argc, const char* const* argv, Outcome outcome) {
+    if (outcome.ok()) {
+        outcome = prepare_process();
+    }
     if (!outcome.ok()) {
         report(nullptr, outcome);
         return outcome.status();
@@ -98,6 +101,7 @@ int run(int argc, const char* const* argv) {
 }  // namespace ad_mounter
 
 int main(int argc, char** argv) {
+    const ad_mounter::Outcome limits_reset = ad_mounter::reset_resource_limits();
     // There is nothing to flush and no handler to run.
-    _exit(ad_mounter::run(argc, argv));
+    _exit(ad_mounter::run(argc, argv, limits_reset));
 }

@@ -5,7 +5,6 @@
 #include "path.h"
 
 #include <cerrno>
-#include <cstring>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -136,7 +135,7 @@ bool version_in_manifest(std::string_view text, char (&version)[version_size]) {
     return find_version(Markup(text), found) && copy_version(found, version);
 }
 
-Outcome check_manifest(int top, const char* path, const char* version) {
+Outcome check_manifest(int top, const char* path, std::string_view version) {
     const auto reject = [path](const char* reason) {
         return Outcome::refused(EX_DATAERR, "check version of", path, reason);
     };
@@ -164,7 +163,7 @@ Outcome check_manifest(int top, const char* path, const char* version) {
     if (!version_in_manifest({text, static_cast<size_t>(length)}, found)) {
         return reject("manifest does not state a version");
     }
-    return strcmp(found, version) == 0 ? Outcome() : reject("signed for another version");
+    return version == found ? Outcome() : reject("signed for another version");
 }
 
 }  // namespace ad_mounter

@@ -22,6 +22,6 @@ bool version_in_manifest(std::string_view text, char (&version)[version_size]);
  * `top`, with `version`. Refuses an image without a readable manifest as well. `path` is for
  * error messages.
  */
-Outcome check_manifest(int top, const char* path, const char* version);
+Outcome check_manifest(int top, const char* path, std::string_view version);
 
 }  // namespace ad_mounter

@@ -2,8 +2,11 @@
 #include "mount_state.h"
 #include "path.h"
 #include "prepared_mount.h"
+#include "product.h"
 #include "signature.h"
 #include "verbs.h"
+#include "version_floor.h"
+#include "write_access.h"
 
 #include <cerrno>
 
@@ -16,26 +19,43 @@ namespace ad_mounter {
 
 namespace {
 
+constexpr const char* consequence = "image not mounted";
+
 struct OpenImage {
-    base::UniqueFd fd;
-    struct stat status;
-    VerifiedImage verified;
+    explicit OpenImage(const char* image_path) : path(image_path) {}
+
     const char* path;
+    Target target;
+    base::UniqueFd fd;
+    struct stat status = {};
+    FileSystem type = FileSystem::squashfs;
+    char version[version_size] = "";  // as signed
+    VersionFloor floor;
 };
 
-Outcome open_image(const char* path, OpenImage& image) {
-    image.path = path;
-    image.fd.reset(open_path(path, O_RDONLY | O_NONBLOCK | O_NOCTTY));
+Outcome verify_opened(OpenImage& image, uint64_t limit) {
+    Keys keys;
+    TRY(load_keys(keys));
+    ImageVerifier verifier(image.fd.get(), image.path);
+    TRY(verifier.verify_comment(keys, limit));
+    TRY(check_product(verifier.comment(), image.path, consequence));
+    TRY(verifier.verify_content());
+    copy_version(verifier.comment().version, image.version);
+    image.type = verifier.type();
+    return image.floor.read(image.target, keys);
+}
+
+Outcome open_image(OpenImage& image, uint64_t limit) {
+    TRY(open_parent(image.path, image.target));
+    image.fd.reset(open_entry(image.target.directory.get(), image.target.name,
+                              O_RDONLY | O_NONBLOCK | O_NOCTTY, Mounts::cross));
     if (!image.fd || fstat(image.fd.get(), &image.status) != 0) {
-        return Outcome::failed("open", path, errno);
+        return Outcome::failed("open", image.path, errno);
     }
-    TRY(validate_image(image.fd.get(), path, image.verified.type));
-    const bool group_writes = (image.status.st_mode & S_IWGRP) != 0 && image.status.st_gid != 0;
-    const bool others_write = (image.status.st_mode & S_IWOTH) != 0;
-    if (image.status.st_uid != 0 || group_writes || others_write) {
-        return Outcome::refused(EX_NOPERM, "mount", path, "writable by users other than root");
-    }
-    return verify_image(image.fd.get(), path, image.verified);
+    TRY(validate_image(image.fd.get(), image.path, image.type));
+    const char* reason = foreign_write_access(image.fd.get(), image.status);
+    return reason == nullptr ? verify_opened(image, limit)
+                             : Outcome::refused(EX_NOPERM, "mount", image.path, reason);
 }
 
 // Unmounts what is on top. By name, in the open directory and without following a link: an
@@ -54,10 +74,9 @@ Outcome refuse_foreign(const Target& target) {
                             "something else is mounted there");
 }
 
-// Unmounts until no mount of ours is on top.
-Outcome unmount_ours(const Target& target, const struct stat* image) {
+// Unmounts until no mount of ours is on top. `state` is what is there then.
+Outcome unmount_ours(const Target& target, const struct stat* image, MountState& state) {
     for (bool first = true;; first = false) {
-        MountState state = MountState::nothing;
         TRY(inspect_mount_point(target, image, state));
         if (state == MountState::foreign && first) {
             return refuse_foreign(target);
@@ -95,42 +114,37 @@ Outcome attach_checked(const PreparedMount& prepared, const struct stat& image,
                           : inspected;
 }
 
-// Compares the version of what is attached at the mount point.
-Outcome check_attached(const OpenImage& image, const Target& target) {
-    base::UniqueFd top;
-    TRY(open_mount_point(target, top));
-    return check_manifest(top.get(), image.path, image.verified.version);
+// Compares the version in the mounted image, whose top directory is `top`, and records it: a
+// power cut may have come between storing the image and that.
+Outcome check_mounted(OpenImage& image, int top) {
+    TRY(check_manifest(top, image.path, image.version));
+    return image.floor.raise(image.version);
 }
 
-Outcome replace_mount(const OpenImage& image, const Target& target) {
+Outcome check_attached(OpenImage& image, const Target& target) {
+    base::UniqueFd top;
+    TRY(open_mount_point(target, top));
+    return check_mounted(image, top.get());
+}
+
+Outcome replace_mount(OpenImage& image, const Target& target) {
     PreparedMount prepared;
-    TRY(prepare_mount({image.fd.get(), image.status, image.verified.type}, image.path, prepared));
-    if (prepared.detached) {
-        TRY(check_manifest(prepared.detached.get(), image.path, image.verified.version));
-    }
+    TRY(prepare_mount({image.fd.get(), image.status, image.type}, image.path, prepared));
+    TRY(check_mounted(image, prepared.detached.get()));
     // Not before the new image is known to be good.
-    TRY(unmount_ours(target, &image.status));
-    TRY(attach_checked(prepared, image.status, target));
-    if (prepared.detached) {
-        return {};
-    }
-    const Outcome checked = check_attached(image, target);
-    if (!checked.ok()) {
-        (void)unmount_top(target);
-    }
-    return checked;
+    MountState below = MountState::nothing;
+    TRY(unmount_ours(target, &image.status, below));
+    return below == MountState::foreign ? refuse_foreign(target)
+                                        : attach_checked(prepared, image.status, target);
 }
 
 }  // namespace
 
 Outcome mount_image(const Operation& operation) {
-    OpenImage image;
-    TRY(open_image(operation.first, image));
+    OpenImage image(operation.first);
+    TRY(open_image(image, operation.limit));
     Target target;
-    const int error = open_parent(operation.target, target);
-    if (error != 0) {
-        return Outcome::failed("open directory of", operation.target, error);
-    }
+    TRY(open_parent(operation.target, target));
     MountState state = MountState::nothing;
     TRY(inspect_mount_point(target, &image.status, state));
     if (state == MountState::foreign) {
@@ -142,15 +156,15 @@ Outcome mount_image(const Operation& operation) {
 
 Outcome unmount_image(const Operation& operation) {
     Target target;
-    const int error = open_parent(operation.target, target);
-    if (error != 0) {
-        return error == ENOENT ? Outcome()
-                               : Outcome::failed("open directory of", operation.target, error);
+    const Outcome opened = open_parent(operation.target, target);
+    if (!opened.ok()) {
+        return opened.status() == EX_NOINPUT ? Outcome() : opened;
     }
     Target image;
     struct stat status;
-    const bool stored = open_parent(stored_image, image) == 0 && target_status(image, status) == 0;
-    return unmount_ours(target, stored ? &status : nullptr);
+    const bool stored = open_parent(stored_image, image).ok() && target_status(image, status) == 0;
+    MountState below = MountState::nothing;
+    return unmount_ours(target, stored ? &status : nullptr, below);
 }
 
 }  // namespace ad_mounter

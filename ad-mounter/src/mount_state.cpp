@@ -63,8 +63,14 @@ MountState compare_backing(int point, dev_t device, const struct stat* image) {
 }  // namespace
 
 Outcome inspect_mount_point(const Target& target, const struct stat* image, MountState& state) {
+    base::UniqueFd top;
+    return inspect_mount_point(target, image, state, top);
+}
+
+Outcome inspect_mount_point(const Target& target, const struct stat* image, MountState& state,
+                            base::UniqueFd& point) {
     state = MountState::nothing;
-    const base::UniqueFd point(
+    point.reset(
         open_entry(target.directory.get(), target.name, O_PATH | O_DIRECTORY, Mounts::cross));
     if (!point) {
         return errno == ENOENT ? Outcome() : Outcome::failed(step, target.path, errno);
@@ -84,9 +90,10 @@ Outcome inspect_mount_point(const Target& target, const struct stat* image, Moun
         fstatvfs(point.get(), &flags) != 0) {
         return Outcome::failed(step, target.path, errno);
     }
+    // Signed on 32-bit ARM.
+    const auto type = static_cast<unsigned>(file_system.f_type);
     const bool may_be_ours =
-        (file_system.f_type == SQUASHFS_MAGIC || file_system.f_type == EROFS_SUPER_MAGIC_V1) &&
-        (flags.f_flag & ST_RDONLY) != 0;
+        (type == SQUASHFS_MAGIC || type == EROFS_SUPER_MAGIC_V1) && (flags.f_flag & ST_RDONLY) != 0;
     state = may_be_ours ? compare_backing(point.get(), status.st_dev, image) : MountState::foreign;
     constexpr unsigned long required = ST_RDONLY | ST_NOSUID | ST_NODEV;
     if (state == MountState::current && (flags.f_flag & required) != required) {

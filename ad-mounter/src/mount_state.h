@@ -26,6 +26,10 @@ enum class MountState : unsigned char {
  */
 Outcome inspect_mount_point(const Target& target, const struct stat* image, MountState& state);
 
+/** As above; `point` becomes an O_PATH descriptor of the directory that has been inspected. */
+Outcome inspect_mount_point(const Target& target, const struct stat* image, MountState& state,
+                            base::UniqueFd& point);
+
 /** Whether anything is mounted at `path` or below it. */
 bool is_mounted_below(const char* path);
 

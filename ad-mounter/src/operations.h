@@ -57,10 +57,20 @@ struct Operation {
     Kind kind;
     mode_t mode;
     Owner owner;
+    uint64_t limit = 0;  ///< how many bytes an image may have
 };
+
+/** 2 GiB. An image must fit beside the one that it replaces. */
+inline constexpr uint64_t max_image_size = uint64_t{2} << 30;
 
 /** The stored image, the only file that is ever mounted. */
 inline constexpr const char* stored_image = "/opt/down/zels/zelADAgent_img/zelADAgent.img";
+
+/** The highest version ever stored: text of root's. */
+inline constexpr const char* version_floor = "/opt/down/zels/zelADAgent_img/zelADAgent.floor";
+
+/** The name of this product, if it has one; part of the firmware. */
+inline constexpr const char* product_file = "/usr/lib/ad-mounter/product";
 
 /** The tool's runtime directory: root's alone, for the lock and for labels of mounts. */
 inline constexpr const char* run_directory = "/run/ad-mounter";
@@ -114,7 +124,7 @@ inline constexpr CommandSpec command_specs[] = {
 // clang-format off
 /** Every operation, in the order of --help and of execution. */
 inline constexpr Operation operations[] = {
-    // verb                first argument                     second argument         target                  kind               mode   owner
+    // verb                first argument                     second argument         target                  kind               mode   owner          limit
     {Verb::create,        "create_path_usr_lib",              nullptr,                detail::usr_lib,        Kind::directory,   0755,  Owner::root},
     {Verb::create,        "create_path_apps_adagent",         nullptr,                detail::agent_data,     Kind::directory,   0755,  Owner::caller},
     {Verb::create,        "create_path_apps_zeladagent",      nullptr,                detail::mount_point,    Kind::directory,   0755,  Owner::root},
@@ -126,9 +136,9 @@ inline constexpr Operation operations[] = {
     {Verb::remove,        "remove_usr_lib_file",              nullptr,                detail::player_library, Kind::file,        0,     Owner::root},
     {Verb::remove,        "remove_zel_adagent_img_file",      nullptr,                stored_image,           Kind::file,        0,     Owner::root},
     {Verb::remove,        "remove_player_res_path",           nullptr,                detail::player_res,     Kind::tree,        0,     Owner::root},
-    {Verb::mount,         stored_image,                       detail::mount_point,    detail::mount_point,    Kind::mount_point, 0,     Owner::root},
+    {Verb::mount,         stored_image,                       detail::mount_point,    detail::mount_point,    Kind::mount_point, 0,     Owner::root,   max_image_size},
     {Verb::umount,        detail::mount_point,                nullptr,                detail::mount_point,    Kind::mount_point, 0,     Owner::root},
-    {Verb::replace_image, detail::downloaded_image,           stored_image,           stored_image,           Kind::file,        0644,  Owner::root},
+    {Verb::replace_image, detail::downloaded_image,           stored_image,           stored_image,           Kind::file,        0644,  Owner::root,   max_image_size},
     {Verb::copy_library,  detail::image_agent_library,        detail::agent_library,  detail::agent_library,  Kind::file,        0644,  Owner::root},
     {Verb::copy_library,  detail::image_player_library,       detail::player_library, detail::player_library, Kind::file,        0644,  Owner::root},
     {Verb::copy_tree,     detail::image_player_res,           detail::player_res,     detail::player_res,     Kind::tree,        0,     Owner::root},

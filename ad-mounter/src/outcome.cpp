@@ -55,7 +55,7 @@ const char* entry_path(int directory, const char* name) {
     ssize_t length = readlink(DescriptorPath(directory).text, path, PATH_MAX - 1);
     if (length < 0) {
         length = 0;
-    } else {
+    } else if (length > 1) {
         path[length++] = '/';
     }
     snprintf(path + length, sizeof path - static_cast<size_t>(length), "%s", name);

@@ -1,6 +1,7 @@
 #include "parallel_entries.h"
 
 #include <climits>
+#include <cstddef>
 #include <cstring>
 
 #include <pthread.h>
@@ -8,6 +9,9 @@
 namespace ad_mounter {
 
 namespace {
+
+// The default would be the limit that the process was started with.
+constexpr size_t worker_stack_size = size_t{4} << 20;
 
 // A directory that several workers take entries from. pthread rather than std::thread: the
 // latter throws where no thread can be started.
@@ -76,8 +80,12 @@ void* run_second_worker(void* directory) {
 
 Outcome for_each_entry_parallel(int directory, EntryFunction function, void* context) {
     SharedDirectory shared(directory, function, context);
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, worker_stack_size);
     pthread_t second;
-    const bool started = pthread_create(&second, nullptr, run_second_worker, &shared) == 0;
+    const bool started = pthread_create(&second, &attributes, run_second_worker, &shared) == 0;
+    pthread_attr_destroy(&attributes);
     shared.run_worker(0);
     if (started) {
         pthread_join(second, nullptr);

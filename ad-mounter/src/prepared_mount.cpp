@@ -29,6 +29,40 @@ int create_detached_mount(FileSystem type, const char* source) {
                    MOUNT_ATTR_RDONLY | MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV);
 }
 
+int mount_image_at(int point, FileSystem type, const char* source) {
+    return mount(source, DescriptorPath(point).text, file_system_name(type),
+                 MS_RDONLY | MS_NOSUID | MS_NODEV, nullptr);
+}
+
+// Before Linux 5.2: mounts in root's own directory and detaches the mount at once; its
+// descriptor keeps it. Returns that, or -1 with errno.
+int mount_and_detach(FileSystem type, const char* source) {
+    constexpr const char* name = "image";
+    const base::UniqueFd directory(open_path(run_directory, O_RDONLY | O_DIRECTORY));
+    if (!directory || fchdir(directory.get()) != 0) {
+        return -1;
+    }
+    // What a killed run has left.
+    while (umount2(name, MNT_DETACH | UMOUNT_NOFOLLOW) == 0) {
+    }
+    if (mkdirat(directory.get(), name, 0700) != 0 && errno != EEXIST) {
+        return -1;
+    }
+    const base::UniqueFd point(
+        open_entry(directory.get(), name, O_PATH | O_DIRECTORY, Mounts::stay));
+    base::UniqueFd top;
+    if (point && mount_image_at(point.get(), type, source) == 0) {
+        top.reset(open_entry(directory.get(), name, O_PATH | O_DIRECTORY, Mounts::cross));
+        if (umount2(name, MNT_DETACH | UMOUNT_NOFOLLOW) != 0) {
+            top.reset();
+        }
+    }
+    const int error = errno;
+    (void)unlinkat(directory.get(), name, AT_REMOVEDIR);
+    errno = error;
+    return top.release();
+}
+
 // Removes what killed runs left behind.
 Outcome remove_labels(int directory) {
     DirectoryReader reader(directory);
@@ -67,7 +101,11 @@ Outcome prepare_from_loop_device(const ImageFile& image, const char* path,
                                  PreparedMount& prepared) {
     TRY(attach_loop_device(image.fd, stored_image, prepared.loop));
     prepared.detached.reset(create_detached_mount(image.type, prepared.loop.path));
-    if (prepared.detached || errno == ENOSYS) {
+    if (!prepared.detached && errno == ENOSYS) {
+        prepared.movable = false;
+        prepared.detached.reset(mount_and_detach(image.type, prepared.loop.path));
+    }
+    if (prepared.detached) {
         return {};
     }
     const int error = errno;
@@ -91,12 +129,10 @@ Outcome prepare_mount(const ImageFile& image, const char* path, PreparedMount& p
 }
 
 int attach_mount(const PreparedMount& prepared, int point) {
-    const int result =
-        prepared.detached
-            ? move_mount(prepared.detached.get(), "", point, "",
-                         MOVE_MOUNT_F_EMPTY_PATH | MOVE_MOUNT_T_EMPTY_PATH)
-            : mount(prepared.loop.path, DescriptorPath(point).text, file_system_name(prepared.type),
-                    MS_RDONLY | MS_NOSUID | MS_NODEV, nullptr);
+    const int result = prepared.movable
+                           ? move_mount(prepared.detached.get(), "", point, "",
+                                        MOVE_MOUNT_F_EMPTY_PATH | MOVE_MOUNT_T_EMPTY_PATH)
+                           : mount_image_at(point, prepared.type, prepared.loop.path);
     return result == 0 ? 0 : errno;
 }
 

@@ -19,13 +19,13 @@ struct ImageFile {
     FileSystem type;
 };
 
-/**
- * A mount that disappears with this object unless it is attached. Without fsopen(2), before
- * Linux 5.2, there is only a loop device for mount(2) and `detached` is empty.
- */
+/** A mount that disappears with this object unless it is attached. */
 struct PreparedMount {
     FileSystem type = FileSystem::squashfs;
-    base::UniqueFd detached;
+    base::UniqueFd detached;  ///< the top directory
+    /** Whether move_mount(2) can attach it; otherwise the loop device is mounted again. */
+    bool movable = true;
+    /** Behind the mount, unless that is of the file itself. */
     LoopDevice loop;
 };
 

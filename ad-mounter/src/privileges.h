@@ -16,10 +16,10 @@ namespace ad_mounter {
 Outcome become_root(Caller& caller);
 
 /**
- * Sets no_new_privs, keeps only the capabilities(7) that the command needs and installs a
- * seccomp(2) filter that kills the process when it executes a program, opens a socket or
- * traces a process. Irreversible.
+ * Sets no_new_privs, clears the capability bounding set, keeps only the capabilities(7) that the
+ * command needs, restricts a command that does not mount to the paths of `request`, and installs
+ * its system call filter. Irreversible.
  */
-Outcome drop_privileges(const CommandSpec& command);
+Outcome drop_privileges(const CommandSpec& command, const Operation& request);
 
 }  // namespace ad_mounter

@@ -1,9 +1,12 @@
+#include "keys.h"
 #include "mount_state.h"
 #include "removal.h"
 #include "target.h"
 #include "verbs.h"
+#include "version_floor.h"
 
 #include <cerrno>
+#include <cstring>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -29,34 +32,56 @@ Outcome remove_tree(const Target& target) {
                           : Outcome::failed("rename", target.path, error);
 }
 
+// What was stored must not be forgotten with the image. Without trusted keys no image counts.
+Outcome remember_version(const Target& image) {
+    Keys keys;
+    const Outcome loaded = load_keys(keys);
+    if (!loaded.ok() && loaded.status() != EX_DATAERR) {
+        return loaded;
+    }
+    keys.count = loaded.ok() ? keys.count : 0;
+    VersionFloor floor;
+    TRY(floor.read(image, keys));
+    return floor.raise_to_stored();
+}
+
+Outcome remove_existing(const Operation& operation, const Target& target, mode_t mode) {
+    if (S_ISLNK(mode)) {
+        return Outcome::failed("remove", target.path, ELOOP);
+    }
+    if (operation.kind == Kind::tree) {
+        return S_ISDIR(mode) ? remove_tree(target)
+                             : Outcome::failed("remove", target.path, ENOTDIR);
+    }
+    if (strcmp(target.path, stored_image) == 0) {
+        TRY(remember_version(target));
+    }
+    return unlinkat(target.directory.get(), target.name, 0) == 0 || errno == ENOENT
+               ? Outcome()
+               : Outcome::failed("remove", target.path, errno);
+}
+
 }  // namespace
 
 Outcome remove_target(const Operation& operation) {
     Target target;
-    int error = open_parent(operation.target, target);
-    if (error != 0) {
-        return error == ENOENT ? Outcome()
-                               : Outcome::failed("open directory of", operation.target, error);
+    const Outcome opened = open_parent(operation.target, target);
+    if (!opened.ok()) {
+        return opened.status() == EX_NOINPUT ? Outcome() : opened;
     }
-    const int directory = target.directory.get();
     for (const SiblingName& leftover : {temporary_name(target.name), retired_name(target.name)}) {
-        TRY(remove_recursively(directory, leftover.text, target.path));
+        TRY(remove_recursively(target.directory.get(), leftover.text, target.path));
     }
     struct stat status;
-    error = target_status(target, status);
-    if (error != 0) {
-        return error == ENOENT ? Outcome() : Outcome::failed("stat", target.path, error);
+    const int error = target_status(target, status);
+    if (error != 0 && error != ENOENT) {
+        return Outcome::failed("stat", target.path, error);
     }
-    if (S_ISLNK(status.st_mode)) {
-        return Outcome::failed("remove", target.path, ELOOP);
+    if (error == 0) {
+        TRY(remove_existing(operation, target, status.st_mode));
     }
-    if (operation.kind == Kind::tree) {
-        return S_ISDIR(status.st_mode) ? remove_tree(target)
-                                       : Outcome::failed("remove", target.path, ENOTDIR);
-    }
-    return unlinkat(directory, target.name, 0) == 0 || errno == ENOENT
-               ? Outcome()
-               : Outcome::failed("remove", target.path, errno);
+    // Also when there was nothing to do: a run that was killed may have removed it.
+    return sync_parent(target);
 }
 
 }  // namespace ad_mounter

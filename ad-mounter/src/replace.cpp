@@ -1,12 +1,15 @@
 #include "atomic_file.h"
 #include "directories.h"
-#include "file_copy.h"
 #include "image.h"
 #include "manifest.h"
 #include "path.h"
 #include "prepared_mount.h"
+#include "product.h"
 #include "signature.h"
+#include "trusted_path.h"
 #include "verbs.h"
+#include "version_floor.h"
+#include "write_access.h"
 
 #include <cerrno>
 
@@ -17,6 +20,8 @@
 namespace ad_mounter {
 
 namespace {
+
+constexpr const char* consequence = "image not stored";
 
 // The downloaded image. Its directory may belong to a user, who can change what the name
 // stands for at any time: only the descriptor counts.
@@ -31,10 +36,7 @@ bool same_file(const struct stat& one, const struct stat& other) {
 }
 
 Outcome open_download(const char* path, Download& download) {
-    const int error = open_parent(path, download.target);
-    if (error != 0) {
-        return Outcome::failed("open directory of", path, error);
-    }
+    TRY(open_parent(path, download.target));
     download.fd.reset(open_entry(download.target.directory.get(), download.target.name,
                                  O_RDONLY | O_NONBLOCK | O_NOCTTY, Mounts::cross));
     if (!download.fd) {
@@ -62,45 +64,43 @@ Outcome check_owner(Download& download, const Caller& caller) {
 }
 
 // Whether the download itself may become the stored image: only root can write to it, now or
-// through a descriptor opened earlier.
+// through a descriptor or mapping of earlier.
 bool may_be_linked(const Download& download) {
-    constexpr mode_t others = S_IWGRP | S_IWOTH;
     struct stat directory;
-    return fstat(download.target.directory.get(), &directory) == 0 && directory.st_uid == 0 &&
-           (directory.st_mode & others) == 0 && download.status.st_uid == 0 &&
-           (download.status.st_mode & others) == 0 && download.status.st_nlink == 1;
+    return fstat(download.target.directory.get(), &directory) == 0 &&
+           untrusted_reason(directory) == nullptr && download.status.st_nlink == 1 &&
+           foreign_write_access(download.fd.get(), download.status) == nullptr;
 }
 
-Outcome copy_download(const Download& download, AtomicFile& file, const char* path) {
-    const auto size = static_cast<uint64_t>(download.status.st_size);
-    TRY(file.create(size));
-    const int error = copy_bytes(download.fd.get(), file.fd(), size);
-    return error == 0 ? Outcome() : Outcome::failed("copy to", path, error);
-}
-
-// Verifies the file that becomes the stored image. Its manifest is read from a mount that is
-// not attached; without such mounts, --mount compares the version.
-Outcome verify_stored(int fd, const char* path) {
-    VerifiedImage image;
-    TRY(verify_image(fd, path, image));
-    ImageFile file = {fd, {}, image.type};
+// Reads the manifest from a mount that is not attached.
+Outcome check_version(int fd, const char* path, const ImageVerifier& image) {
+    ImageFile file = {fd, {}, image.type()};
     if (fstat(fd, &file.status) != 0) {
         return Outcome::failed("stat", path, errno);
     }
     PreparedMount prepared;
     TRY(prepare_mount(file, path, prepared));
-    return prepared.detached ? check_manifest(prepared.detached.get(), path, image.version)
-                             : Outcome();
+    return check_manifest(prepared.detached.get(), path, image.comment().version);
 }
 
-Outcome install_download(const Download& download, const Target& target, const Operation& operation,
-                         const Caller& caller) {
+Outcome install_download(const Download& download, ImageVerifier& image, const Target& target,
+                         const Ownership& ownership) {
     AtomicFile file(target);
-    if (!may_be_linked(download) || file.link(download.fd.get()) != 0) {
-        TRY(copy_download(download, file, operation.target));
+    if (may_be_linked(download) && file.link(download.fd.get()) == 0) {
+        TRY(image.verify_content());
+    } else {
+        TRY(file.create(image.file_size()));
+        TRY(image.copy_content(file.fd(), target.path));
     }
-    TRY(verify_stored(file.fd(), operation.first));
-    return file.commit(ownership_of(&operation, caller));
+    TRY(check_version(file.fd(), download.target.path, image));
+    return file.commit(ownership);
+}
+
+// A run that was killed before it removed the download has stored it already.
+Outcome verify_in_place(const Download& download, ImageVerifier& image, const Target& target) {
+    TRY(image.verify_content());
+    TRY(check_version(download.fd.get(), download.target.path, image));
+    return sync_parent(target);
 }
 
 // Leaves a file alone that has taken the download's name since.
@@ -126,11 +126,19 @@ Outcome replace_image(const Operation& operation, const Caller& caller) {
     TRY(refuse_symbolic_link(target));
     // After removing the leftover of a killed run, which is a hard link to the download.
     TRY(check_owner(download, caller));
+    Keys keys;
+    TRY(load_keys(keys));
+    ImageVerifier image(download.fd.get(), operation.first);
+    TRY(image.verify_comment(keys, operation.limit));
+    TRY(check_product(image.comment(), operation.first, consequence));
+    VersionFloor floor;
+    TRY(floor.read(target, keys));
+    TRY(floor.check(image.comment().version, operation.first, consequence));
     struct stat stored;
-    // A run that was killed before it removed the download has stored it already.
     const bool in_place = target_status(target, stored) == 0 && same_file(stored, download.status);
-    TRY(in_place ? verify_stored(download.fd.get(), operation.first)
-                 : install_download(download, target, operation, caller));
+    TRY(in_place ? verify_in_place(download, image, target)
+                 : install_download(download, image, target, ownership_of(&operation, caller)));
+    TRY(floor.raise(image.comment().version));
     return remove_download(download);
 }
 

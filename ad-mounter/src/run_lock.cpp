@@ -11,22 +11,22 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 namespace ad_mounter {
 
 namespace {
 
-constexpr unsigned timeout_seconds = 30;
+// The timer repeats: its first signal may come just before flock(2) waits.
+constexpr itimerval lock_timeout = {{0, 100'000}, {30, 0}};
+constexpr itimerval no_timeout = {};
 
 void interrupt(int) {}
 
 Outcome open_run_directory(base::UniqueFd& directory) {
     Target target;
-    const int error = open_parent(run_directory, target);
-    if (error != 0) {
-        return Outcome::failed("open directory of", run_directory, error);
-    }
+    TRY(open_parent(run_directory, target));
     if (mkdirat(target.directory.get(), target.name, 0700) != 0 && errno != EEXIST) {
         return Outcome::failed("create", run_directory, errno);
     }
@@ -51,16 +51,16 @@ int wait_for_lock(int fd) {
     if (errno != EWOULDBLOCK) {
         return errno;
     }
-    // Without SA_RESTART, so that the alarm ends the waiting.
+    // Without SA_RESTART, so that the signal ends the waiting.
     struct sigaction action;
     memset(&action, 0, sizeof action);
     action.sa_handler = interrupt;
-    if (sigaction(SIGALRM, &action, nullptr) != 0) {
+    if (sigaction(SIGALRM, &action, nullptr) != 0 ||
+        setitimer(ITIMER_REAL, &lock_timeout, nullptr) != 0) {
         return errno;
     }
-    alarm(timeout_seconds);
     const int error = flock(fd, LOCK_EX) == 0 ? 0 : errno;
-    alarm(0);
+    setitimer(ITIMER_REAL, &no_timeout, nullptr);
     return error == EINTR ? EAGAIN : error;
 }
 

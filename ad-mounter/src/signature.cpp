@@ -1,8 +1,7 @@
 #include "signature.h"
 
 #include "base/file_io.h"
-#include "base/image_trailer.h"
-#include "keys.h"
+#include "file_copy.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -30,27 +29,6 @@ Outcome read_part(int fd, const char* path, unsigned char* bytes, size_t size, u
     return static_cast<size_t>(got) == size ? Outcome() : reject(path, "truncated image");
 }
 
-struct Hash {
-    unsigned char bytes[crypto_generichash_BYTES_MAX];
-    bool valid = false;
-};
-
-// Hashes the file's first `size` bytes.
-Outcome hash_file(int fd, const char* path, uint64_t size, Hash& hash) {
-    alignas(4096) static unsigned char piece[piece_size];
-    crypto_generichash_state state;
-    crypto_generichash_init(&state, nullptr, 0, sizeof hash.bytes);
-    for (uint64_t done = 0; done < size;) {
-        const size_t wanted = static_cast<size_t>(std::min<uint64_t>(sizeof piece, size - done));
-        TRY(read_part(fd, path, piece, wanted, done));
-        crypto_generichash_update(&state, piece, wanted);
-        done += wanted;
-    }
-    crypto_generichash_final(&state, hash.bytes, sizeof hash.bytes);
-    hash.valid = true;
-    return {};
-}
-
 bool comment_is_signed(const base::Signature& signature, const base::PublicKey& key) {
     unsigned char message[base::signature_size + base::max_trailer_size];
     memcpy(message, signature.signature, base::signature_size);
@@ -60,58 +38,109 @@ bool comment_is_signed(const base::Signature& signature, const base::PublicKey& 
                                        key.key) == 0;
 }
 
-// Key IDs are not unique, so every key with the right one is tried.
-Outcome check_signature(int fd, const char* path, uint64_t size, const base::Signature& signature) {
-    if (sodium_init() < 0) {
-        return Outcome::refused(EX_SOFTWARE, "verify", path, "cannot initialise libsodium");
+}  // namespace
+
+struct ImageVerifier::Copy {
+    int fd;
+    const char* path;
+
+    // Appends a piece of the image that starts at `offset`.
+    Outcome append(const unsigned char* bytes, size_t size, uint64_t offset) const {
+        if (!base::write_full(fd, bytes, size)) {
+            return Outcome::failed("copy to", path, errno);
+        }
+        start_write_back(fd, offset, size);
+        return {};
     }
-    Keys keys;
-    TRY(load_keys(keys));
+};
+
+Outcome ImageVerifier::read_trailer(uint64_t limit) {
+    TRY(validate_image(fd_, path_, type_));
+    struct stat status;
+    if (fstat(fd_, &status) != 0) {
+        return Outcome::failed("stat", path_, errno);
+    }
+    file_size_ = static_cast<uint64_t>(status.st_size);
+    if (file_size_ > limit) {
+        return reject(path_, "larger than an image may be");
+    }
+    end_size_ = static_cast<size_t>(std::min<uint64_t>(sizeof end_, file_size_));
+    TRY(read_part(fd_, path_, end_, end_size_, file_size_ - end_size_));
+    trailer_ = base::parse_trailer(end_, end_size_, file_size_);
+    if (trailer_.rejection != nullptr) {
+        return reject(path_, trailer_.rejection);
+    }
+    // The file system must not reach into what is not signed.
+    return validate_image(fd_, path_, file_size_ - trailer_.length, type_);
+}
+
+// Key IDs are not unique, so every key with the right one is tried.
+Outcome ImageVerifier::find_keys(const Keys& keys) {
     bool known = false;
-    Hash hash;
+    signers_.count = 0;
     for (size_t i = 0; i < keys.count; ++i) {
         const base::PublicKey& key = keys.keys[i];
-        if (memcmp(key.id, signature.key_id, sizeof key.id) != 0) {
+        if (memcmp(key.id, trailer_.signature.key_id, sizeof key.id) != 0) {
             continue;
         }
         known = true;
-        // The comment first: reading the whole file is worth it only if that much is signed.
-        if (!comment_is_signed(signature, key)) {
-            continue;
+        if (comment_is_signed(trailer_.signature, key)) {
+            signers_.keys[signers_.count++] = key;
         }
-        if (!hash.valid) {
-            TRY(hash_file(fd, path, size, hash));
-        }
-        if (crypto_sign_verify_detached(signature.signature, hash.bytes, sizeof hash.bytes,
-                                        key.key) == 0) {
+    }
+    if (signers_.count > 0) {
+        return {};
+    }
+    return reject(path_, known ? "changed after it was signed" : "not signed with a trusted key");
+}
+
+Outcome ImageVerifier::verify_comment(const Keys& keys, uint64_t limit) {
+    if (sodium_init() < 0) {
+        return Outcome::refused(EX_SOFTWARE, "verify", path_, "cannot initialise libsodium");
+    }
+    TRY(read_trailer(limit));
+    return find_keys(keys);
+}
+
+Outcome ImageVerifier::check_content(const unsigned char* hash, size_t size) const {
+    for (size_t i = 0; i < signers_.count; ++i) {
+        if (crypto_sign_verify_detached(trailer_.signature.signature, hash, size,
+                                        signers_.keys[i].key) == 0) {
             return {};
         }
     }
-    return reject(path, known ? "changed after it was signed" : "not signed with a trusted key");
+    return reject(path_, "changed after it was signed");
 }
 
-}  // namespace
+// Reads everything before the trailer, in order to hash it and to copy it, if `copy` is not null.
+Outcome ImageVerifier::read_content(const Copy* copy) {
+    alignas(4096) static unsigned char piece[piece_size];
+    crypto_generichash_state state;
+    unsigned char hash[crypto_generichash_BYTES_MAX];
+    crypto_generichash_init(&state, nullptr, 0, sizeof hash);
+    const uint64_t size = file_size_ - trailer_.length;
+    for (uint64_t done = 0; done < size;) {
+        const size_t wanted = static_cast<size_t>(std::min<uint64_t>(sizeof piece, size - done));
+        TRY(read_part(fd_, path_, piece, wanted, done));
+        if (copy != nullptr) {
+            TRY(copy->append(piece, wanted, done));
+        }
+        crypto_generichash_update(&state, piece, wanted);
+        done += wanted;
+    }
+    crypto_generichash_final(&state, hash, sizeof hash);
+    return check_content(hash, sizeof hash);
+}
 
-Outcome verify_image(int fd, const char* path, VerifiedImage& image) {
-    TRY(validate_image(fd, path, image.type));
-    struct stat status;
-    if (fstat(fd, &status) != 0) {
-        return Outcome::failed("stat", path, errno);
-    }
-    const auto file_size = static_cast<uint64_t>(status.st_size);
-    unsigned char end[base::max_trailer_size];
-    const size_t length = static_cast<size_t>(std::min<uint64_t>(sizeof end, file_size));
-    TRY(read_part(fd, path, end, length, file_size - length));
-    const base::Trailer trailer = base::parse_trailer(end, length, file_size);
-    if (trailer.rejection != nullptr) {
-        return reject(path, trailer.rejection);
-    }
-    // The file system must not reach into what is not signed.
-    const uint64_t size = file_size - trailer.length;
-    TRY(validate_image(fd, path, size, image.type));
-    TRY(check_signature(fd, path, size, trailer.signature));
-    copy_version(trailer.comment.version, image.version);
-    return {};
+Outcome ImageVerifier::verify_content() { return read_content(nullptr); }
+
+Outcome ImageVerifier::copy_content(int to, const char* to_path) {
+    const Copy copy = {to, to_path};
+    TRY(read_content(&copy));
+    // The trailer that has been verified, not what the file may hold by now.
+    const uint64_t size = file_size_ - trailer_.length;
+    TRY(copy.append(end_ + end_size_ - trailer_.length, trailer_.length, size));
+    return validate_image(to, path_, size, type_);
 }
 
 }  // namespace ad_mounter

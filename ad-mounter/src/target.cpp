@@ -1,6 +1,6 @@
 #include "target.h"
 
-#include "path.h"
+#include "trusted_path.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -15,13 +15,22 @@ void parent_path(const char* path, char (&parent)[PATH_MAX]) {
     snprintf(parent, sizeof parent, "%.*s", static_cast<int>(strrchr(path, '/') - path), path);
 }
 
-int open_parent(const char* path, Target& target) {
+Outcome open_parent(const char* path, Target& target, int refusal) {
     char parent[PATH_MAX];
     parent_path(path, parent);
     target.path = path;
     target.name = strrchr(path, '/') + 1;
-    target.directory.reset(open_path(parent, O_RDONLY | O_DIRECTORY));
-    return target.directory ? 0 : errno;
+    return open_trusted_directory(parent, path, target.directory, refusal);
+}
+
+int sync_directory(int directory) {
+    // File systems that are never written to refuse it: nothing of theirs can be lost.
+    return fsync(directory) == 0 || errno == EINVAL || errno == EROFS ? 0 : errno;
+}
+
+Outcome sync_parent(const Target& target) {
+    const int error = sync_directory(target.directory.get());
+    return error == 0 ? Outcome() : Outcome::failed("sync directory of", target.path, error);
 }
 
 int target_status(const Target& target, struct stat& status) {

@@ -23,10 +23,16 @@ struct Target {
 void parent_path(const char* path, char (&parent)[PATH_MAX]);
 
 /**
- * Opens the directory that holds `path`, absolute and below "/", which must outlive `target`.
- * Returns 0 or an errno value.
+ * Opens the directory that holds `path`, absolute and below "/", which must outlive `target`, as
+ * open_trusted_directory() does.
  */
-int open_parent(const char* path, Target& target);
+Outcome open_parent(const char* path, Target& target, int refusal = EX_NOPERM);
+
+/** Writes the entries of an open directory to its file system. Returns 0 or an errno value. */
+int sync_directory(int directory);
+
+/** Makes what has changed in the target's directory durable. */
+Outcome sync_parent(const Target& target);
 
 /** lstat(2) on the target. Returns 0 or an errno value. */
 int target_status(const Target& target, struct stat& status);

@@ -3,6 +3,7 @@
 #include "directory_reader.h"
 #include "file_copy.h"
 #include "parallel_entries.h"
+#include "path.h"
 #include "tree_rules.h"
 
 #include <cerrno>
@@ -45,7 +46,7 @@ public:
 private:
     Outcome file(int from, int to, const char* name) {
         const base::UniqueFd source(
-            openat(from, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+            open_entry(from, name, O_RDONLY | O_NONBLOCK | O_NOCTTY, Mounts::stay));
         struct stat status;
         if (!source || fstat(source.get(), &status) != 0) {
             return Outcome::entry_failed("open", from, name, errno);

@@ -29,7 +29,9 @@ CACHE_MANIFEST = DATA + "/zelADAgentCache.xml"
 DOWNLOAD = DATA + "/zelADAgent.img"
 POINT = "/opt/usr/apps/zelADAgent"
 STORED = "/opt/down/zels/zelADAgent_img/zelADAgent.img"
+FLOOR = "/opt/down/zels/zelADAgent_img/zelADAgent.floor"
 KEYS = "/usr/lib/ad-mounter/keys"
+PRODUCT = "/usr/lib/ad-mounter/product"
 SOURCE = POINT + "/adplayer/res"
 RES = "/usr/bin/zels/zelADAgent/adplayer/res"
 MOUNTED_LIBRARY = POINT + "/libad-agent-fwk.so"
@@ -40,6 +42,7 @@ REPLACE = ["--replaceimg", DOWNLOAD, STORED]
 COPY_LIBRARY = ["--copylib", MOUNTED_LIBRARY, AGENT_LIBRARY]
 COPY_TREE = ["--copy_all", SOURCE, RES]
 CREATE_MANIFEST = ["--create", "create_file_apps_zeladagent_xml"]
+REMOVE_IMAGE = ["--remove", "remove_zel_adagent_img_file"]
 REMOVE_RESOURCES = ["--remove", "remove_player_res_path"]
 CREATIONS = ["create_path_usr_lib", "create_path_apps_adagent", "create_path_apps_zeladagent",
              "create_file_apps_zeladagent_xml", "create_path_zeladagent",
@@ -47,7 +50,7 @@ CREATIONS = ["create_path_usr_lib", "create_path_apps_adagent", "create_path_app
 
 # Variables of Device.sh(), with paths outside of the device.
 VARIABLES = {"lib": LIB, "data": DATA, "download": DOWNLOAD, "point": POINT, "stored": STORED,
-             "keys": KEYS, "source": SOURCE, "res": RES}
+             "floor": FLOOR, "keys": KEYS, "product": PRODUCT, "source": SOURCE, "res": RES}
 
 SET_UP = """
 mount -t tmpfs -o mode=0755 device /mnt && mkdir $root && cd $root
@@ -223,12 +226,18 @@ class Device:
             self.images[version, kind, change] = self.read("/stage/made")
         return self.images[version, kind, change]
 
-    def image(self, version, kind="squashfs"):
-        """The bytes of a signed image."""
-        if (version, kind) not in self.images:
-            self.images[version, kind] = self.maker.signed_image(
-                self.file_system(version, kind), version)
-        return self.images[version, kind]
+    def image(self, version, kind="squashfs", change="true", words=""):
+        """The bytes of a signed image; `words` are added to its trusted comment."""
+        key = version, kind, change, words
+        if key not in self.images:
+            self.images[key] = self.maker.signed_image(
+                self.file_system(version, kind, change), version + words)
+        return self.images[key]
+
+    def mount(self, version, kind="squashfs", change="true"):
+        """Stores and mounts an image."""
+        self.put(STORED, self.image(version, kind, change))
+        self.run(MOUNT).expect(0)
 
     def put(self, inside, content):
         """Writes a new file: the old one may be mounted."""

@@ -13,9 +13,12 @@ SECCOMP = ctypes.CDLL("libseccomp.so.2")
 SECCOMP.seccomp_init.restype = ctypes.c_void_p
 ACT_ALLOW, ACT_NOTIFY = 0x7fff0000, 0x7fc00000
 CTL_NNP = 3
+COMPARE_EQUAL = 4
+PR_CAPBSET_DROP, PR_SET_NO_NEW_PRIVS = 24, 38
 IOCTL_RECEIVE, IOCTL_SEND = 0xc0502100, 0xc0182101
 NOTIFICATION = struct.Struct("=QIIiIQ6Q")
 RESPONSE = struct.Struct("=QqiI")
+ANSWERED = -1  # from decide(): the call succeeds without being made
 LOOP_CONFIGURE, LOOP_CTL_GET_FREE = 0x4c0a, 0x4c82
 
 # Calls that are given a path, those that are given a descriptor, and those that tests watch.
@@ -27,9 +30,17 @@ WITH_DESCRIPTOR = {"write", "fsync", "syncfs", "fsopen", "fsconfig", "fsmount", 
 # Where the paths are among the arguments; second for most.
 PATHS = {"renameat": (1, 3), "renameat2": (1, 3), "linkat": (1, 3), "symlinkat": (0, 2),
          "mount": (0, 1), "umount2": (0,), "move_mount": (1, 3)}
-WATCHED = {"umask", "close_range", "capget", "capset", "prctl", "seccomp", "setresuid", "alarm",
-           "lseek", "pread64", "exit_group"}
+WATCHED = {"prlimit64", "umask", "close_range", "capget", "capset", "prctl", "seccomp", "setresuid",
+           "setitimer", "lseek", "pread64", "fcntl", "exit_group", "landlock_create_ruleset",
+           "landlock_add_rule", "landlock_restrict_self", "clone3"}
+# What Linux 4.19 lacks.
+NEWER_CALLS = ["openat2", "fsopen", "fsconfig", "fsmount", "move_mount", "close_range", "clone3",
+               "landlock_create_ruleset", "landlock_add_rule", "landlock_restrict_self",
+               "LOOP_CONFIGURE"]
 READING = {"openat2", "newfstatat", "fsopen", "read", "getdents64", "fchdir", "flock", "fstatfs"}
+
+# Of the calls that come in great numbers: argument and value.
+CONDITIONS = {"prctl": [[(0, PR_SET_NO_NEW_PRIVS)], [(0, PR_CAPBSET_DROP), (1, 0)]]}
 
 NUMBERS = {SECCOMP.seccomp_syscall_resolve_name(name.encode()): name
            for name in WITH_PATH | WITH_DESCRIPTOR | WATCHED}
@@ -41,12 +52,20 @@ class Call(NamedTuple):
     name: str
     arguments: tuple
 
+    def memory(self, address, size):
+        """Up to `size` bytes of the process's memory."""
+        with open(f"/proc/{self.process}/mem", "rb") as memory:
+            memory.seek(address)
+            return memory.read1(size)
+
     def paths(self):
         """The paths that it is given."""
-        with open(f"/proc/{self.process}/mem", "rb") as memory:
-            for argument in PATHS.get(self.name, (1,)) if self.name in WITH_PATH else ():
-                memory.seek(self.arguments[argument])
-                yield memory.read1(4096).partition(b"\0")[0].decode()
+        for argument in PATHS.get(self.name, (1,)) if self.name in WITH_PATH else ():
+            yield self.memory(self.arguments[argument], 4096).partition(b"\0")[0].decode()
+
+    def file(self):
+        """The file that its first argument is a descriptor of."""
+        return os.readlink(f"/proc/{self.process}/fd/{self.arguments[0]}")
 
     def creates_file(self):
         return self.name == "openat" and self.arguments[2] & os.O_CREAT != 0
@@ -68,8 +87,12 @@ class Call(NamedTuple):
 def make_filter():
     context = ctypes.c_void_p(SECCOMP.seccomp_init(ACT_ALLOW))
     SECCOMP.seccomp_attr_set(context, CTL_NNP, 0)
-    for number in NUMBERS:
-        assert SECCOMP.seccomp_rule_add(context, ACT_NOTIFY, number, 0) == 0
+    for number, name in NUMBERS.items():
+        for conditions in CONDITIONS.get(name, [[]]):
+            packed = b"".join(struct.pack("=IiQQ", argument, COMPARE_EQUAL, value, 0)
+                              for argument, value in conditions)
+            assert SECCOMP.seccomp_rule_add_array(context, ACT_NOTIFY, number, len(conditions),
+                                                  packed) == 0
     return context
 
 
@@ -99,10 +122,11 @@ def answer_calls(listener, decide):
         identifier, process, _, number, _, _, *arguments = notification
         call = Call(process, NUMBERS[number], tuple(arguments))
         # The first call that the tool itself makes.
-        started = started or call.name == "umask"
+        started = started or (call.name == "prlimit64" and call.arguments[2] != 0)
         error = started and decide(call) or 0
         try:
-            fcntl.ioctl(listener, IOCTL_SEND, RESPONSE.pack(identifier, 0, -error, not error))
+            answer = (0, 0) if error == ANSWERED else (-error, not error)
+            fcntl.ioctl(listener, IOCTL_SEND, RESPONSE.pack(identifier, 0, *answer))
         except OSError as failure:
             assert failure.errno == errno.ENOENT  # killed
 
@@ -131,8 +155,13 @@ def supervise(device, words, decide, before_exec=lambda: None):
 
 
 def run_without(device, words, calls, error=errno.ENOSYS, before_exec=lambda: None):
-    """Runs the tool with these calls failing."""
-    return supervise(device, words, lambda call: error if call.name in calls else 0, before_exec)
+    """Runs the tool with these calls failing. LOOP_CONFIGURE, an ioctl(2), fails with EINVAL."""
+    def decide(call):
+        if call.name == "ioctl" and call.arguments[1] == LOOP_CONFIGURE:
+            return errno.EINVAL if "LOOP_CONFIGURE" in calls else 0
+        return error if call.name in calls else 0
+
+    return supervise(device, words, decide, before_exec)
 
 
 def run_and_disturb(device, words, when, command):

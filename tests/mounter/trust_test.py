@@ -1,13 +1,15 @@
 """Which images are trusted: by --replaceimg and by --mount, on what is stored."""
 
 import os
+import subprocess
 from dataclasses import replace
+from itertools import count
 
 import pytest
 
-from device import DOWNLOAD, KEYS, MOUNT, REPLACE, STORED, UMOUNT
+from device import (DOWNLOAD, FLOOR, KEYS, MOUNT, PRODUCT, REMOVE_IMAGE, REPLACE, STORED, UMOUNT)
 from maker import Maker
-from supervisor import run_without, supervise
+from supervisor import supervise
 
 kinds = pytest.mark.parametrize("kind", ["squashfs", "erofs"])
 
@@ -109,7 +111,7 @@ def test_keys_are_rotated_one_by_one(device):
     ("chmod 664 device.pub", "chmod 644 device.pub"),
     ("chown 1234 device.pub", "chown 0 device.pub"),
     ("chmod 1777 .", "chmod 755 ."),
-    ("chmod 775 $root", "chmod 755 $root"),
+    ("chmod 775 ..", "chmod 755 .."),
     ("chown 1234 .", "chown 0 ."),
     ("chown 1234 ..", "chown 0 .."),
     ("ln -s device.pub other.pub", "rm other.pub"),
@@ -143,10 +145,8 @@ def test_manifest_must_state_the_signed_version(device, kind, change):
 
 
 @kinds
-def test_manifest_is_checked_once_mounted_where_necessary(device, kind):
+def test_manifest_of_a_mounted_image_is_checked(device, kind):
     device.write(STORED, signed(device, device.file_system("1.5", kind), "version:1.6"))
-    run_without(device, MOUNT, ["fsopen"]).expect(65)
-    device.expect_clean()
     device.sh("mount -o loop,ro,nosuid,nodev $stored $point")
     device.run(MOUNT).expect(65)
 
@@ -166,25 +166,35 @@ def test_file_system_may_not_reach_into_its_trailer(device, kind):
     assert "truncated" in expect_refused(device, image).err
 
 
-@pytest.mark.parametrize("good_first", [True, False])
-def test_verifies_the_copy_and_not_the_download(device, good_first):
-    good = device.image("1.5")
-    bad = good[:100] + bytes([good[100] ^ 1]) + good[101:]
-    first, second = (good, bad) if good_first else (bad, good)
-    device.write(DOWNLOAD, first)
-    os.chown(device.at(DOWNLOAD), 1234, 1234)
-    copied = []
+@pytest.mark.parametrize("first, second", [("good", "bad"), ("bad", "good"), ("good", "older"),
+                                           ("older", "good"), ("good", "short")])
+def test_stores_what_is_verified_and_not_what_the_download_becomes(device, first, second):
+    """The download, a user's, changes before each of its reads in turn."""
+    good = device.maker.signed_image(device.file_system("1.5") + bytes(200_000), "1.5")
+    images = {"good": good, "bad": good[:100] + bytes([good[100] ^ 1]) + good[101:],
+              "older": device.image("1.4"), "short": good[:-1]}
+    stored = set()
+    for point in count():
+        device.sh("rm -f $stored")
+        device.write(FLOOR, "1.5\n")
+        device.write(DOWNLOAD, images[first])
+        os.chown(device.at(DOWNLOAD), 1234, 0)
+        reads = []
 
-    def decide(call):
-        if copied and call.name == "pread64":
-            device.write(DOWNLOAD, second)
-        elif call.name == "write" and call.is_mutating():
-            copied.append(call)
+        def decide(call, point=point, reads=reads):
+            if call.name == "pread64" and call.file().endswith("adagent/zelADAgent.img"):
+                reads.append(call)
+                if len(reads) == point + 1:
+                    device.write(DOWNLOAD, images[second])
 
-    supervise(device, REPLACE, decide).expect(0 if good_first else 65)
-    assert copied
-    assert device.read(STORED) == (good if good_first else None)
-    device.expect_clean()
+        result = supervise(device, REPLACE, decide).expect(0, 65)
+        assert device.read(STORED) == (good if result.status == 0 else None)
+        assert device.read(FLOOR) == b"1.5\n"
+        stored.add(device.read(STORED))
+        device.expect_clean()
+        if len(reads) <= point:
+            break
+    assert good in stored and (None in stored or second == "short")
 
 
 def test_mounted_image_is_verified_again(device):
@@ -197,3 +207,131 @@ def test_mounted_image_is_verified_again(device):
     device.run(MOUNT).expect(65)
     assert device.mounts() == before
     device.run(UMOUNT).expect(0)
+
+
+@pytest.mark.parametrize("make, stated, reason", [
+    ("true", "", ""),
+    ("true", "demo", "signed for product demo, this device is no product"),
+    ("echo demo > $product", "demo", ""),
+    ("printf demo > $product", "demo", ""),
+    ("echo demo > $product", "", "signed for no product, this device is demo"),
+    ("echo demo > $product", "demo2", "signed for product demo2, this device is demo"),
+    ("echo demo2 > $product", "demo", "signed for product demo, this device is demo2"),
+    ("echo demo > $product", "Demo", "this device is demo"),
+    (f"echo {63 * 'a'} > $product", 63 * "a", ""),
+    (f"echo {64 * 'a'} > $product", 63 * "a", "not one word"),
+    ("echo demo box > $product", "demo", "not one word"),
+    ("(echo demo; echo) > $product", "demo", "not one word"),
+    ("echo > $product", "", "not one word"),
+    ("touch $product", "", "not one word"),
+    ("echo demo > $product; chmod 664 $product", "demo", "writable"),
+    ("echo demo > $product; chmod 646 $product", "demo", "writable"),
+    ("echo demo > $product; chown 1234 $product", "demo", "not owned by root"),
+    ("echo demo > stage/demo; ln -s /stage/demo $product", "demo", "symbolic link"),
+    ("mkfifo $product", "", "not a regular file"),
+    ("mkdir $product", "", "not a regular file"),
+])
+def test_image_must_be_for_this_product(device, make, stated, reason):
+    device.sh(make)
+    image = device.image("1.5", words=f" product:{stated}" if stated else "")
+    if reason:
+        assert reason in expect_refused(device, image).err
+        assert not device.exists(FLOOR)
+    else:
+        expect_accepted(device, image)
+
+
+def store(device, version):
+    device.put(DOWNLOAD, device.image(version))
+    return device.run(REPLACE)
+
+
+@pytest.mark.parametrize("owner", [0, 1234])
+def test_an_older_version_is_never_stored(device, owner):
+    for version, floor in (("1.10", "1.10"), ("1.1", "1.10"), ("1.9", "1.9"), ("1.09", None),
+                           ("1.10", None), ("1.90", "1.9"), ("2", "2"), ("1.99", None)):
+        device.put(DOWNLOAD, device.image(version))
+        os.chown(device.at(DOWNLOAD), owner, 0)
+        device.run(REPLACE).expect(0 if floor else 65)
+        if floor:
+            assert device.read(FLOOR).decode() == floor + "\n"
+            assert device.ownership(FLOOR) == "0:0 644"
+            assert device.read(STORED) == device.image(version)
+        device.expect_clean()
+    device.run(REMOVE_IMAGE).expect(0)
+    reason = "version 1.99 is older than 2, the highest version ever stored here; image not stored"
+    assert reason in store(device, "1.99").expect(65).err
+    device.sh("rm $floor")
+    store(device, "1.99").expect(0)
+
+
+@pytest.mark.parametrize("words, floor", [(MOUNT, b"3.0\n"), (REMOVE_IMAGE, b"3.0\n"), (UMOUNT, None)])
+def test_floor_follows_a_power_cut_that_lost_it(device, words, floor):
+    device.write(STORED, device.image("3.0"))
+    for content in None, "2.5\n":
+        if content:
+            device.write(FLOOR, content)
+            device.put(STORED, device.image("3.0"))
+        device.run(words).expect(0)
+        assert device.read(FLOOR) == (floor or content and content.encode())
+        assert "older than 3.0" in store(device, "2.6").expect(65).err if floor or not content else True
+        device.expect_clean(1)
+
+
+def test_only_a_verified_image_counts_as_stored(device):
+    for image in (Maker().signed_image(device.file_system("3.0"), "3.0"), device.file_system("3.0"),
+                  b""):
+        device.put(STORED, image)
+        store(device, "2.0").expect(0)
+        device.put(STORED, image)
+        device.run(REMOVE_IMAGE).expect(0)
+        assert device.read(FLOOR) == b"2.0\n"
+    # Mounted, or removed without keys, the floor does not come down either.
+    device.put(STORED, device.image("1.0"))
+    device.run(MOUNT).expect(0)
+    device.run(UMOUNT).expect(0)
+    device.sh("rm $keys/device.pub")
+    device.run(REMOVE_IMAGE).expect(0)
+    assert device.read(FLOOR) == b"2.0\n"
+    assert not device.exists(STORED)
+
+
+@pytest.mark.parametrize("make, reason", [
+    ("printf 1.0 > $floor", "not a version"),
+    ("touch $floor", "not a version"),
+    ("echo 1.0x > $floor", "not a version"),
+    ("echo '1.0 ' > $floor", "not a version"),
+    ("(echo 1.0; echo) > $floor", "not a version"),
+    ("echo 1.0000000000000000000 > $floor", "not a version"),
+    ("echo 1.0 > $floor; chmod 664 $floor", "writable"),
+    ("echo 1.0 > $floor; chmod 646 $floor", "writable"),
+    ("echo 1.0 > $floor; chown 1234 $floor", "not owned by root"),
+    ("echo 1.0 > stage/floor; ln -s /stage/floor $floor", "symbolic link"),
+    ("mkdir $floor", "not a regular file"),
+    ("mkfifo $floor", "not a regular file"),
+])
+def test_unsafe_floor_refuses_instead_of_being_forgotten(device, make, reason):
+    device.write(STORED, device.image("1.5"))
+    device.write(DOWNLOAD, device.image("2.0"))
+    device.sh(make)
+    before = device.snapshot("/opt") if "fifo" not in make else None
+    for words in REPLACE, MOUNT, REMOVE_IMAGE:
+        assert reason in device.run(words).expect(65).err
+    assert before is None or device.snapshot("/opt") == before
+    device.expect_clean()
+
+
+def test_parallel_exchange_of_the_download_never_stores_the_older_one(device):
+    device.write(FLOOR, "1.5\n")
+    device.write("/stage/good", device.image("1.5"))
+    device.write("/stage/older", device.image("1.4"))
+    exchange = subprocess.Popen(["sh", "-c", "while :; do for i in good older; do"
+                                 " ln -f stage/$i $download; done; done"], cwd=device.root,
+                                env=os.environ | device.variables, stderr=subprocess.DEVNULL)
+    try:
+        statuses = {device.run(REPLACE).status for _ in range(1000)}
+    finally:
+        exchange.kill()
+        exchange.wait()
+    assert statuses <= {0, 65, 66, 77}
+    assert device.read(STORED) == device.image("1.5")

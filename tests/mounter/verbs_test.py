@@ -12,10 +12,10 @@ from typing import Callable, NamedTuple
 import pytest
 
 from device import (AGENT_LIBRARY, CACHE_MANIFEST, COPY_LIBRARY, COPY_TREE, CREATE_MANIFEST, DATA,
-                    DOWNLOAD, LIB, MOUNT, MOUNTED_LIBRARY, PLAYER_LIBRARY, POINT,
-                    REMOVE_RESOURCES, REPLACE, RES, SOURCE, STORED, TOOL, UMOUNT, pass_on_capability,
-                    status_field)
-from supervisor import WITH_PATH, run_without, supervise
+                    DOWNLOAD, FLOOR, LIB, MOUNT, MOUNTED_LIBRARY, PLAYER_LIBRARY, POINT,
+                    REMOVE_IMAGE, REMOVE_RESOURCES, REPLACE, RES, SOURCE, STORED, TOOL, UMOUNT,
+                    pass_on_capability, status_field)
+from supervisor import NEWER_CALLS, WITH_PATH, run_without, supervise
 
 # As with sanitizers: slower, and would not even start without /usr.
 LINKED_DYNAMICALLY = b"/ld-linux" in TOOL.read_bytes()
@@ -36,12 +36,14 @@ def nothing(device):
     device.start_over()
 
 
+# Larger than what is copied at a time.
+LARGE_LIBRARY = "head -c 1500000 /dev/zero > libad-agent-fwk.so"
+
+
 def old_version(device):
     device.start_over()
     device.make_layout()
-    device.put_tree(POINT, "2.0")
-    # Larger than what is copied at a time.
-    device.write(MOUNTED_LIBRARY, 1_500_000 * b"l")
+    device.mount("2.0", change=LARGE_LIBRARY)
     device.write(AGENT_LIBRARY, "the old library")
     device.write(PLAYER_LIBRARY, "the old player")
     device.write(RES + "/old/page", "the old page")
@@ -83,7 +85,7 @@ SCENARIOS = {
     "remove_libraries": Scenario(["--remove", "remove_usr_lib_file"], old_version, AGENT_LIBRARY,
                                  PLAYER_LIBRARY),
     "remove_library_path": Scenario(["--remove", "remove_usr_lib_path"], old_version, LIB),
-    "remove_image": Scenario(["--remove", "remove_zel_adagent_img_file"], stored(), STORED),
+    "remove_image": Scenario(REMOVE_IMAGE, stored(), STORED),
     "remove_resources": Scenario(REMOVE_RESOURCES, old_version, RES),
     "mount_squashfs": Scenario(MOUNT, stored(), POINT, STORED),
     "mount_erofs": Scenario(MOUNT, stored("erofs"), POINT, STORED),
@@ -129,7 +131,7 @@ def check_each_point(device, scenario, is_point, errors):
     old = device.snapshot(scenario.changed)
     result, points = run_with_error(device, scenario.words, is_point, -2, 0)
     result.expect(0)
-    new = device.snapshot(scenario.changed)
+    new, floor = device.snapshot(scenario.changed), device.read(FLOOR)
     assert old != new
     for point, error in ((point, error) for point in range(len(points)) for error in errors(point)):
         scenario.prepare(device)
@@ -140,7 +142,8 @@ def check_each_point(device, scenario, is_point, errors):
             continue
         call = seen[point]
         # A loop device that cannot be queried is not known to be ours.
-        unsure = [75, 77] if scenario.changed == POINT and error != KILLED else []
+        uses_mount = any(word.startswith(POINT) for word in scenario.words)
+        unsure = [75, 77] if uses_mount and error != KILLED else []
         result.expect(*STATUSES[error], *unsure)
         state = device.snapshot(scenario.changed)
         assert state in (old, new) or (scenario.gap and not device.mounts()), (call, error)
@@ -150,6 +153,7 @@ def check_each_point(device, scenario, is_point, errors):
         gone = scenario.walked == DOWNLOAD and not device.exists(DOWNLOAD)
         device.run(scenario.words).expect(66 if gone else 0)
         assert device.snapshot(scenario.changed) == new, (call, error)
+        assert device.read(FLOOR) == floor, (call, error)
         device.expect_clean(1)
 
 
@@ -184,7 +188,7 @@ def components(device, scenario):
     for path in filter(None, (scenario.changed, scenario.walked)):
         while path not in FIXED_DIRECTORIES | found:
             scenario.prepare(device)
-            if path != POINT or not device.mounts():
+            if not (device.mounts() and f"{path}/".startswith(POINT + "/")):
                 found.add(path)
                 yield path
             path = os.path.dirname(path)
@@ -230,6 +234,22 @@ def test_link_at_any_component_is_refused(device_with_victim, scenario):
         swap.swap_in()
         device_with_victim.run(scenario.words).expect(77)
         swap.swap_back()
+
+
+@scenarios
+def test_directory_that_others_can_change_is_refused(empty_device, scenario):
+    """But for the caller's own, which holds the download and the cache manifest."""
+    device, changes = empty_device, ["chmod 757", "chmod 775", "chown 1234"]
+    if scenario.prepare == nothing:
+        device.make_layout()
+    for number, path in enumerate({os.path.dirname(path) for path in components(device, scenario)}):
+        scenario.prepare(device)
+        if device.exists(path) and path not in (DATA, POINT):
+            before = device.snapshot("/opt/usr") | device.snapshot("/opt/down")
+            device.sh(f"{changes[number % len(changes)]} .{path}")
+            assert f"to use {path}: " in device.run(scenario.words).expect(77).err
+            device.sh(f"chmod 755 .{path}; chown 0 .{path}")
+            assert device.snapshot("/opt/usr") | device.snapshot("/opt/down") == before
 
 
 @scenarios
@@ -280,7 +300,8 @@ def test_process_is_confined_and_in_order_before_anything_is_touched(empty_devic
             assert os.readlink(f"{process}/cwd") == device.root
         if confined and call.name in WITH_PATH:
             for name, expected in {"CapPrm": CAPABILITIES[scenario.words[0]], "CapInh": 0,
-                                   "CapEff": CAPABILITIES[scenario.words[0]], "CapAmb": 0}.items():
+                                   "CapEff": CAPABILITIES[scenario.words[0]], "CapAmb": 0,
+                                   "CapBnd": 0}.items():
                 assert int(status_field(call.process, name), 16) == expected, name
             assert status_field(call.process, "NoNewPrivs") == "1"
             assert status_field(call.process, "Seccomp_filters") == "2"
@@ -308,8 +329,9 @@ def test_contents_are_synced_before_renaming_and_the_directory_afterwards(empty_
 
     scenario.prepare(empty_device)
     supervise(empty_device, scenario.words, decide).expect(0)
-    expected = {"--mount": "", "--umount": "", "--remove": "(ru*)?"}.get(
-        scenario.words[0], "(rdu*)+" if scenario.changed == DATA else "(rdu*)*fr+du*")
+    expected = {"--create": "u*(r?du*)*" if scenario.changed == DATA else "u*(r?du*)*frd",
+                "--mount": "frd", "--umount": "", "--remove": "(frdu)?(ru*)?d+",
+                "--replaceimg": "frdu*frdu*"}.get(scenario.words[0], "fr+du*")
     assert re.fullmatch(expected, "".join(order)), order
 
 
@@ -319,7 +341,6 @@ def test_works_without_newer_calls(empty_device, scenario):
     empty_device.run(scenario.words).expect(0)
     new = empty_device.snapshot(scenario.changed)
     scenario.prepare(empty_device)
-    missing = ["openat2", "fsopen", "close_range", "renameat2"]
-    run_without(empty_device, scenario.words, missing).expect(0)
+    run_without(empty_device, scenario.words, NEWER_CALLS + ["renameat2"]).expect(0)
     assert empty_device.snapshot(scenario.changed) == new
     empty_device.expect_clean(1)
