@@ -2,11 +2,14 @@
 
 #include "ADDigest.h"
 #include "base/errno_text.h"
+#include "base/file_io.h"
+#include "base/unique_fd.h"
 #include "guard_log.h"
 #include "regular_file.h"
 
 #include <array>
 #include <cerrno>
+#include <cstring>
 #include <ctime>
 
 #include <fcntl.h>
@@ -46,8 +49,13 @@ std::string recorded_firmware() {
 }
 
 std::string boot_id() {
-    const std::string text = read_text(boot_file);
-    return text.substr(0, text.find('\n'));
+    // Not a file of a known size: the kernel makes up its contents when they are read.
+    const base::UniqueFd file(open(boot_file, O_RDONLY | O_CLOEXEC));
+    std::array<char, 64> text = {};
+    if (!file || base::read_full(file.get(), text.data(), text.size() - 1) < 0) {
+        return "";
+    }
+    return std::string(text.data(), strcspn(text.data(), "\n"));
 }
 
 std::int64_t monotonic_seconds() {
@@ -82,9 +90,9 @@ std::optional<std::string> remove_copy() {
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
     if (access(updatable_library, F_OK) == 0) {
-        return WIFEXITED(status) ? "ad-mounter exited with status " +
-                                       std::to_string(WEXITSTATUS(status))
-                                 : std::string("ad-mounter was killed");
+        return WIFEXITED(status)
+                   ? "ad-mounter exited with status " + std::to_string(WEXITSTATUS(status))
+                   : std::string("ad-mounter was killed");
     }
     return std::nullopt;
 }

@@ -27,7 +27,7 @@ bool did_not_run(const std::string& exit_status) {
     constexpr int loader_failed = 127;
     constexpr int first_of_manager = 200;
     constexpr int last_of_manager = 245;
-    const int status = std::atoi(exit_status.c_str());
+    const long status = std::strtol(exit_status.c_str(), nullptr, 10);
     return status == loader_failed || (status >= first_of_manager && status <= last_of_manager);
 }
 

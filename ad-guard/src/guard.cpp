@@ -140,8 +140,8 @@ bool Guard::has_copy_of_this_start() const {
 }
 
 void Guard::confirm_if_old_enough() {
-    if (record_.start.state != StartState::running ||
-        uptime() + timer_slack < confirmation_time || !has_copy_of_this_start()) {
+    if (record_.start.state != StartState::running || uptime() + timer_slack < confirmation_time ||
+        !has_copy_of_this_start()) {
         return;
     }
     if (!record_.confirmed) {

@@ -28,7 +28,7 @@ std::string environment(const char* name) {
 
 /** Whether the daemon still runs. If not, it ended by itself before it could be stopped. */
 bool is_running() {
-    const int pid = std::atoi(environment("MAINPID").c_str());
+    const auto pid = static_cast<pid_t>(std::strtol(environment("MAINPID").c_str(), nullptr, 10));
     return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM);
 }
 
@@ -57,8 +57,8 @@ void run(const char* command) {
 }
 
 bool is_command(const char* word) {
-    return strcmp(word, "before") == 0 || strcmp(word, "stop") == 0 ||
-           strcmp(word, "after") == 0 || strcmp(word, "confirm") == 0;
+    return strcmp(word, "before") == 0 || strcmp(word, "stop") == 0 || strcmp(word, "after") == 0 ||
+           strcmp(word, "confirm") == 0;
 }
 
 }  // namespace

@@ -88,7 +88,8 @@ Record read_record(const ad_agent::DataDirectory& directory) {
     record.image = read_text(file.get(), copy_group, "image");
     record.previous_image = read_text(file.get(), copy_group, "previous_image");
     record.starts = read_count(file.get(), copy_group, "starts");
-    record.confirmed = g_key_file_get_boolean(file.get(), copy_group, "confirmed", nullptr) != FALSE;
+    record.confirmed =
+        g_key_file_get_boolean(file.get(), copy_group, "confirmed", nullptr) != FALSE;
     record.failed = read_count(file.get(), failures_group, "failed");
     record.interrupted = read_count(file.get(), failures_group, "interrupted");
     record.last_kind =
@@ -113,7 +114,8 @@ ad_agent::Result<> write_record(const ad_agent::DataDirectory& directory, const 
     set(copy_group, "image", record.image);
     set(copy_group, "previous_image", record.previous_image);
     set_number(copy_group, "starts", record.starts);
-    g_key_file_set_boolean(file.get(), copy_group, "confirmed", static_cast<gboolean>(record.confirmed));
+    g_key_file_set_boolean(file.get(), copy_group, "confirmed",
+                           static_cast<gboolean>(record.confirmed));
     set(start_group, "state", state_names.at(static_cast<std::size_t>(record.start.state)));
     set(start_group, "boot", record.start.boot);
     set_number(start_group, "monotonic", record.start.monotonic);
