@@ -45,29 +45,29 @@ TEST(Tree, WhatDoesNotBelongIntoAnImageIsNeitherScannedNorCopied) {
         {"mkdir -p bad$(printf '/d%.0s' $(seq 80))", false},
     };
     for (const Case& one : cases) {
-        const test_support::TemporaryFolder folder;
-        const std::string make = "cd " + folder.path() + "; mkdir from to; cd from; " + one.make;
+        const test_support::TemporaryDirectory directory;
+        const std::string make = "cd " + directory.path() + "; mkdir from to; cd from; " + one.make;
         ASSERT_EQ(system(make.c_str()), 0) << make;
-        const base::UniqueFd to = open_directory(folder / "to");
+        const base::UniqueFd to = open_directory(directory / "to");
         ad_mounter::TreeSize size;
         const auto scanned =
-            ad_mounter::scan_tree(open_directory(folder / "from").get(), 4096, size);
+            ad_mounter::scan_tree(open_directory(directory / "from").get(), 4096, size);
         const auto copied =
-            ad_mounter::copy_contents(open_directory(folder / "from").get(), to.get());
+            ad_mounter::copy_contents(open_directory(directory / "from").get(), to.get());
         EXPECT_EQ(scanned.status(), one.accepted ? EX_OK : EX_DATAERR) << one.make;
         EXPECT_EQ(copied.status(), one.accepted ? EX_OK : EX_DATAERR) << one.make;
     }
 }
 
 TEST(FileCopy, SourceThatEndsEarlyIsAnError) {
-    const test_support::TemporaryFolder folder;
+    const test_support::TemporaryDirectory directory;
     char buffer[4000];
-    test_support::write_file(folder / "from", std::string(3000, 'x'));
+    test_support::write_file(directory / "from", std::string(3000, 'x'));
     for (const size_t buffer_size : {1000, 4000}) {
         for (const uint64_t missing : {0, 1, 100, 3000}) {
-            const base::UniqueFd from(open((folder / "from").c_str(), O_RDONLY));
+            const base::UniqueFd from(open((directory / "from").c_str(), O_RDONLY));
             const base::UniqueFd to(
-                open((folder / "to").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600));
+                open((directory / "to").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600));
             EXPECT_EQ(
                 ad_mounter::copy_bytes(from.get(), to.get(), 3000 + missing, buffer, buffer_size),
                 missing == 0 ? 0 : EIO)
