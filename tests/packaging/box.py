@@ -58,9 +58,17 @@ class Box:
         self.process.wait()
         sh("ip link delete far0 2>/dev/null || true")
 
+    def path(self, path):
+        """A file of the box, seen from here."""
+        return pathlib.Path(f"/proc/{self.pid}/root{path}")
+
     def home(self):
-        """Root's home directory there, seen from here."""
-        return pathlib.Path(f"/proc/{self.pid}/root/root")
+        return self.path("/root")
+
+    def list_files(self):
+        """What packages may leave: all but caches, logs, and the databases of dpkg and users."""
+        return set(self.run(r"""find / -xdev \( -path /var/lib/dpkg -o -path /var/cache -o -path /var/log \
+            -o -path /root -o -path /tmp -o -path /home \) -prune -o -print; find /run -name '*ad*'""").split("\n"))
 
     def run(self, script):
         """Runs a script on the box, as root in /root. Returns its output."""
@@ -71,11 +79,16 @@ class Box:
     def journal(self, *arguments):
         return self.run("journalctl --sync; journalctl --no-pager -o cat " + " ".join(arguments))
 
+    def mark(self):
+        """The end of the journal, as an argument for what comes after it."""
+        cursor = self.run("journalctl --sync; journalctl -n 0 --show-cursor").split(": ", 1)[1]
+        return f"--after-cursor='{cursor.strip()}'"
+
     def wait_logged(self, text, seconds=40, *, since="-b"):
         def logged():
-            return [line for line in self.journal(since).splitlines() if text in line]
+            return text in self.journal(since)
         logged.__doc__ = text
-        return wait_for(logged, seconds)[-1]
+        wait_for(logged, seconds)
 
     def property(self, name, unit="adagentd"):
         return self.run(f"systemctl show -P {name} {unit}").strip()
