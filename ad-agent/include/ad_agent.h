@@ -65,8 +65,10 @@ AD_AGENT_API int ad_agent_config_server(const char* url_path);
  * stored image, without a request to the server, if its version is not the one in the
  * cache manifest: its installation was interrupted. Otherwise it is the content server's
  * newest image, provided that it is newer than every copy on the device, is for this
- * firmware, and is not one whose library failed to load here.
- * The image is verified by size and SHA-256 before it replaces an earlier download. An
+ * product and firmware, and is not one whose library failed to load here. Where the
+ * firmware has keys for it, the server's index must be signed and must not have expired.
+ * The image is verified by size and SHA-256 before it replaces an earlier download, and its
+ * trailer must state what the index does; ad-mounter verifies its signature. An
  * interrupted download is kept and resumed by the next call.
  * Blocks for at most the "document" and "image" time-outs together and a few seconds,
  * and returns early if a signal handler runs.

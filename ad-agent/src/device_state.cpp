@@ -12,8 +12,7 @@ namespace {
 
 constexpr char file_name[] = "state.ini";
 constexpr std::uint64_t max_state_size = 128ULL * 1024;
-constexpr std::size_t max_refused = 32;
-/** Of a text that may come from a server. */
+/** Of a result, which may quote a server. */
 constexpr std::size_t max_text = 256;
 constexpr char installed_group[] = "installed";
 constexpr char offered_group[] = "offered";
@@ -77,7 +76,7 @@ void write_refused(GKeyFile* file, const char* group, const RefusedImages& image
         hashes.push_back(image.sha256);
         versions.push_back(image.version);
         times.push_back(image.time != 0 ? format_utc(image.time) : "");
-        reasons.push_back(printable(image.reason, max_text));
+        reasons.push_back(image.reason);
         counts.push_back(std::to_string(image.count));
     }
     write_list(file, group, "sha256", hashes);
@@ -88,32 +87,6 @@ void write_refused(GKeyFile* file, const char* group, const RefusedImages& image
 }
 
 }  // namespace
-
-std::string reason_text(const RefusedImage& image) {
-    constexpr std::size_t date_length = 10;
-    // Older libraries recorded nothing but images whose library failed to load.
-    const std::string reason = image.reason.empty() ? "its library failed to load" : image.reason;
-    return reason + " here" +
-           (image.time != 0 ? " on " + format_utc(image.time).substr(0, date_length) : "");
-}
-
-const RefusedImage* RefusedImages::find(const std::string& sha256) const {
-    const auto found = std::find_if(images_.begin(), images_.end(), [&](const RefusedImage& image) {
-        return image.sha256 == sha256;
-    });
-    return found == images_.end() ? nullptr : &*found;
-}
-
-void RefusedImages::add(RefusedImage image) {
-    images_.erase(
-        std::remove_if(images_.begin(), images_.end(),
-                       [&](const RefusedImage& other) { return other.sha256 == image.sha256; }),
-        images_.end());
-    images_.push_back(std::move(image));
-    if (images_.size() > max_refused) {
-        images_.erase(images_.begin());
-    }
-}
 
 DeviceState read_state(const DataDirectory& directory) {
     DeviceState state;

@@ -5,6 +5,7 @@
 #pragma once
 
 #include "data_directory.h"
+#include "refused_images.h"
 #include "result.h"
 
 #include <cstdint>
@@ -13,32 +14,6 @@
 #include <vector>
 
 namespace ad_agent {
-
-/** An image that is not offered. Entries of older libraries have a SHA-256 only. */
-struct RefusedImage {
-    std::string sha256;
-    std::string version;
-    /** When it was last refused, in seconds since 1970; 0 if it is not known. */
-    std::int64_t time = 0;
-    std::string reason;
-    /** How often it was refused. */
-    int count = 1;
-};
-
-/** Returns the reason and the day: "REASON here on 2026-11-21". */
-std::string reason_text(const RefusedImage& image);
-
-/** Refused images by their SHA-256, each once, the latest last. Only the latest 32 are kept. */
-class RefusedImages {
-public:
-    const RefusedImage* find(const std::string& sha256) const;
-    /** Adds an image or replaces the one with its SHA-256. */
-    void add(RefusedImage image);
-    const std::vector<RefusedImage>& all() const { return images_; }
-
-private:
-    std::vector<RefusedImage> images_;
-};
 
 /** The IDs of index keys, and the highest serial number of an index accepted from each. */
 using IndexSerials = std::vector<std::pair<std::string, std::uint64_t>>;

@@ -10,6 +10,7 @@
 #include "log.h"
 #include "manifest.h"
 #include "part_file.h"
+#include "refused_images.h"
 #include "settings.h"
 #include "stored_image.h"
 #include "trusted_index.h"
@@ -17,7 +18,6 @@
 #include "utc_time.h"
 #include "version.h"
 
-#include <algorithm>
 #include <ctime>
 
 #include <unistd.h>
@@ -27,19 +27,6 @@ namespace {
 
 /** After so many repairs in vain the server is asked first. */
 constexpr int max_repairs = 3;
-
-/** A wrong image is not downloaded again for an hour, then two, up to a week. */
-constexpr std::int64_t min_delay = 3600;
-constexpr std::int64_t max_delay = min_delay * 24 * 7;
-
-/** Returns when a wrong image may be downloaded again. */
-std::int64_t retry_time(const RefusedImage& wrong) {
-    std::int64_t delay = min_delay;
-    for (int i = 1; i < wrong.count && delay < max_delay; ++i) {
-        delay *= 2;
-    }
-    return wrong.time + std::min(delay, max_delay);
-}
 
 class Update {
 public:
@@ -140,10 +127,8 @@ private:
             return image + " refused: " + *mismatch;
         }
         const RefusedImage* const wrong = state_.wrong.find(index.sha256);
-        const std::int64_t now = std::time(nullptr);
-        // Not if the index was corrected, nor if the clock was set back since.
-        if (wrong && wrong->version == index.version && wrong->time <= now &&
-            now < retry_time(*wrong)) {
+        // Not if the index was corrected.
+        if (wrong && wrong->version == index.version && must_wait(*wrong, std::time(nullptr))) {
             return image + " refused until " + format_utc(retry_time(*wrong)) + ": " +
                    wrong->reason;
         }

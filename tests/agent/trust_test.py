@@ -1,6 +1,7 @@
 """Which indexes are believed, and which images are what they should be."""
 
 import os
+import re
 import subprocess
 
 import pytest
@@ -157,7 +158,7 @@ def edit(old, new):
     (MAKER, ISSUED, edit(b": an index", b": another "), "wrong signature"),
     (MAKER, ISSUED, edit(b"# RU", b"# RW"), "unsupported signature algorithm"),
     (MAKER, ISSUED, edit(b"# trusted", b"#  trusted"), "malformed signature"),
-    (MAKER, ISSUED, edit(b"# trusted", b"trusted"), "malformed signature"),
+    (MAKER, ISSUED, edit(b"# trusted", b"x trusted"), "malformed signature"),
     (MAKER, ISSUED, lambda text: text[:-1], "malformed signature"),
     (MAKER, ISSUED, lambda text: text + b"[image]\nversion=9\n", "malformed signature"),
     (MAKER, ISSUED, lambda text: text + b"# version=9\n", "malformed signature"),
@@ -265,4 +266,5 @@ def test_warns_of_what_is_not_protected(device, server, tmp_path):
     device.configure(server.url)
     server.serve("update.ini", f"[image]\n\x1b[2J\u202e{'x' * 60000}\n".encode())
     line = device.update().log.splitlines()[-1]
-    assert len(line) < 512 and r"\x1b[2J\u202e" in line and line.endswith("...")
+    for text in (line, device.state()["check"]["result"]):
+        assert len(text) < 512 and re.search(r"\\x1b\[2J.*\\u202e.*\.\.\.$", text)

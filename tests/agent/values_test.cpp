@@ -64,9 +64,11 @@ TEST(Configuration, HasDefaults) {
     };
     EXPECT_EQ(read("# a server\n[server]\nurl=http://localhost:80/base//\n"),
               std::make_tuple("http://localhost:80/base", 10, 20, 30, 900, true, ""));
+    testing::internal::CaptureStderr();
     EXPECT_EQ(read("[server]\nurl=file:///srv\nverify=false\nauthorities=/a.pem\n"
                    "[timeouts]\nconnect=1\nstall=2\ndocument=3\nimage=86400\n"),
               std::make_tuple("file:///srv", 1, 2, 3, 86400, false, "/a.pem"));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
 const std::string index_text =
