@@ -43,7 +43,9 @@ Check check_daemon(const Snapshot& snapshot) {
         case ServiceState::starting:
             return ok(name, "starting or waiting for its restart");
         default:
-            return failed(name, "adagentd does not run");
+            return failed(name, snapshot.service.state == ServiceState::failed
+                                    ? "adagentd has failed and is not restarted"
+                                    : "adagentd does not run");
     }
 }
 

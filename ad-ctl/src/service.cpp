@@ -2,6 +2,7 @@
 
 #include "base/errno_text.h"
 #include "base/glib_owned.h"
+#include "service_manager.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -24,6 +25,9 @@ constexpr const char* control_groups[] = {
 };
 /** A symbolic link while the service is neither inactive nor failed. Its target is no file. */
 constexpr char invocation[] = "/run/systemd/units/invocation:adagentd.service";
+/** Exists where systemd is the service manager, see sd_booted(3). */
+constexpr char service_manager[] = "/run/systemd/system";
+constexpr char unit_path[] = "/org/freedesktop/systemd1/unit/adagentd_2eservice";
 
 /** Reads a file of proc(5) or of a control group. Returns none with errno set if it cannot. */
 std::optional<std::string> read_file(const std::string& path) {
@@ -86,6 +90,27 @@ std::int64_t start_time(pid_t pid) {
     return std::time(nullptr) - since_boot.tv_sec + ticks / sysconf(_SC_CLK_TCK);
 }
 
+/** Returns the state of a service without a process. */
+ServiceState idle_state(Unseen& unseen) {
+    struct stat status = {};
+    if (lstat(invocation, &status) == 0) {
+        return ServiceState::starting;
+    }
+    if (access(service_manager, F_OK) != 0) {
+        return ServiceState::stopped;
+    }
+    // It waits for its restart, too, without an invocation.
+    const auto state = read_active_state(unit_path);
+    if (!state) {
+        unseen.push_back("whether adagentd waits for its restart: " + state.error());
+        return ServiceState::stopped;
+    }
+    if (*state == "failed") {
+        return ServiceState::failed;
+    }
+    return *state == "inactive" ? ServiceState::stopped : ServiceState::starting;
+}
+
 /** Finds the library among what the process has mapped. */
 void find_loaded(Service& service, const std::string& updatable, const std::string& firmware,
                  Unseen& unseen) {
@@ -121,9 +146,7 @@ Service find_service(const std::string& updatable_library, const std::string& fi
         service.pid = find_among_all();
     }
     if (service.pid == 0) {
-        struct stat status = {};
-        const bool is_active = lstat(invocation, &status) == 0;
-        service.state = is_active ? ServiceState::starting : ServiceState::stopped;
+        service.state = idle_state(unseen);
         return service;
     }
     service.state = ServiceState::running;

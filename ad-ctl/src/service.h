@@ -16,6 +16,7 @@ using Unseen = std::vector<std::string>;
 
 enum class ServiceState {
     stopped,
+    failed,    // and not to be restarted
     starting,  // or waiting to be restarted
     running,
 };
@@ -37,7 +38,7 @@ struct Service {
 
 /**
  * Finds the daemon in its control group or, where systemd does not run it, among all processes.
- * Starts no process and sends no message.
+ * Asks the service manager only if there is no process. Starts none.
  */
 Service find_service(const std::string& updatable_library, const std::string& firmware_library,
                      Unseen& unseen);

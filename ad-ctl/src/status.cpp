@@ -31,6 +31,7 @@ std::optional<Download> read_download(const Snapshot& snapshot) {
 std::string describe_next_try(const Snapshot& snapshot) {
     switch (snapshot.service.state) {
         case ServiceState::stopped:
+        case ServiceState::failed:
             return "when adagentd is started";
         case ServiceState::starting:
             return "once adagentd has started";

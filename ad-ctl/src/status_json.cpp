@@ -15,6 +15,8 @@ const char* name_of(ServiceState state) {
             return "running";
         case ServiceState::starting:
             return "starting";
+        case ServiceState::failed:
+            return "failed";
         default:
             return "stopped";
     }

@@ -46,7 +46,7 @@ void add_daemon(Screen& screen, const Service& service) {
             screen.add("Daemon", "starting or waiting for its restart");
             return;
         default:
-            screen.add("Daemon", "not running");
+            screen.add("Daemon", service.state == ServiceState::failed ? "failed" : "not running");
     }
 }
 

@@ -8,8 +8,10 @@ import os
 import pathlib
 import re
 import shutil
+import socket
 import struct
 import subprocess
+import sys
 import threading
 import time
 
@@ -32,6 +34,7 @@ OLD_KEYS = KEYS.with_name("old")
 TOOL, LOCK = pathlib.Path("/usr/bin/ad-mounter"), pathlib.Path("/run/ad-mounter/lock")
 PLATFORM = pathlib.Path("/opt/platform/state.ini")
 LINUX = pathlib.Path("/lib/systemd/system/adagentd.service.d/linux-platform.conf")
+BUS = pathlib.Path("/run/dbus/system_bus_socket")
 INVOCATION = pathlib.Path("/run/systemd/units/invocation:adagentd.service")
 CONTROL_GROUP = pathlib.Path("/sys/fs/cgroup/system.slice/adagentd.service/cgroup.procs")
 MAKER = Maker()
@@ -115,8 +118,8 @@ class Box:
         assert old in text
         path.write_text(text.replace(old, new))
 
-    def give_up(self, version="1.06", sha256=SHA256, time_text="2026-11-21T10:00:00Z"):
-        write(DATA / "guard-bad.ini", BAD.format(sha256=sha256, version=version, time=time_text))
+    def give_up(self, version="1.06", sha256=SHA256, at="2026-11-21T10:00:00Z"):
+        write(DATA / "guard-bad.ini", BAD.format(sha256=sha256, version=version, time=at))
 
     @staticmethod
     def run(*arguments, **options):
@@ -176,58 +179,53 @@ def other_firmware(box, recorded="T-1200.2"):
     write(RECORDED, recorded)
 
 
-# What happened, the exit status, the running copy and why, the next start's copy and why.
+def wait_for_restart(box):
+    box.stop()
+    INVOCATION.parent.mkdir(parents=True)
+    INVOCATION.symlink_to("1")
+
+
+OK = "updatable installed"
+# What happened, the exit status, the copy that runs and why, and those of the next start if not the same.
 HISTORIES = {
-    "updated": (lambda box: None, 0, "updatable installed", "updatable installed"),
-    "never updated": (clean, 0, "firmware never_installed", "firmware never_installed"),
-    "did not load": (not_loaded, 1, "firmware did_not_load", "firmware did_not_load"),
-    "crashed": (lambda box: (box.fall_back(), box.give_up()), 1, "firmware crashed", "firmware crashed"),
+    "updated": (lambda box: None, 0, OK),
+    "never updated": (clean, 0, "firmware never_installed"),
+    "did not load": (not_loaded, 1, "firmware did_not_load"),
+    "crashed": (lambda box: (box.fall_back(), box.give_up()), 1, "firmware crashed"),
     "crashed after another did not load": (
-        lambda box: (not_loaded(box), box.give_up(time_text="2026-11-22T10:00:00Z")), 1,
-        "firmware crashed", "firmware crashed"),
+        lambda box: (not_loaded(box), box.give_up(at="2026-11-22T10:00:00Z")), 1, "firmware crashed"),
+    "did not load after another crashed": (
+        lambda box: (not_loaded(box), box.give_up(at="2026-11-20T10:00:00Z")), 1, "firmware did_not_load"),
     "an older one crashed": (lambda box: (box.fall_back(), box.give_up("1.05", "b" * 64)), 1,
-                             "firmware not_recorded", "firmware not_recorded"),
-    "firmware changed": (lambda box: (box.fall_back(), other_firmware(box)), 1,
-                         "firmware firmware_changed", "firmware firmware_changed"),
-    "firmware changes at the next start": (lambda box: other_firmware(box, "T-1200.1"), 0,
-                                           "updatable installed", "firmware firmware_changed"),
-    "firmware version lost": (lambda box: RECORDED.unlink(), 0,
-                              "updatable installed", "firmware firmware_changed"),
-    "firmware newer": (
-        lambda box: (box.fall_back(keep_image=False), box.edit(MANIFEST, "1.00", "1.07")), 0,
-        "firmware firmware_newer", "firmware firmware_newer"),
-    "firmware newer at the next start": (lambda box: box.edit(MANIFEST, "1.00", "1.07"), 0,
-                                         "updatable installed", "firmware firmware_newer"),
-    "same number": (lambda box: box.edit(MANIFEST, "1.00", "1.060"), 0,
-                    "updatable installed", "updatable installed"),
-    "interrupted": (lambda box: box.fall_back(recorded="1.05"), 1,
-                    "firmware interrupted", "firmware interrupted"),
-    "removed by hand": (lambda box: box.fall_back(), 1,
-                        "firmware not_recorded", "firmware not_recorded"),
-    "updated since": (lambda box: box.restart(FIRMWARE_COPY), 0,
-                      "firmware pending", "updatable installed"),
+                             "firmware not_recorded"),
+    "firmware changed": (lambda box: (box.fall_back(), other_firmware(box)), 1, "firmware firmware_changed"),
+    "firmware changes next": (lambda box: other_firmware(box, "T-1200.1"), 0, OK, "firmware firmware_changed"),
+    "firmware version lost": (lambda box: RECORDED.unlink(), 0, OK, "firmware firmware_changed"),
+    "firmware newer": (lambda box: (box.fall_back(keep_image=False), box.edit(MANIFEST, "1.00", "1.07")), 0,
+                       "firmware firmware_newer"),
+    "firmware newer next": (lambda box: box.edit(MANIFEST, "1.00", "1.07"), 0, OK, "firmware firmware_newer"),
+    "same number": (lambda box: box.edit(MANIFEST, "1.00", "1.060"), 0, OK),
+    "interrupted": (lambda box: box.fall_back(recorded="1.05"), 1, "firmware interrupted"),
+    "removed by hand": (lambda box: box.fall_back(), 1, "firmware not_recorded"),
+    "updated since": (lambda box: box.restart(FIRMWARE_COPY), 0, "firmware pending", OK),
     "updated again since": (lambda box: (COPY.unlink(), shutil.copy(FIRMWARE_COPY, COPY)), 0,
-                            "updatable pending", "updatable installed"),
-    "no library loaded": (lambda box: box.restart(None), 0,
-                          "none not_recorded", "updatable installed"),
-    "stopped": (lambda box: box.stop(), 2, "none not_running", "updatable installed"),
-    "waits for its restart": (
-        lambda box: (box.stop(), INVOCATION.parent.mkdir(parents=True), INVOCATION.symlink_to("1")),
-        0, "none not_running", "updatable installed"),
-    "waits after a fallback": (
-        lambda box: (box.fall_back(), box.give_up(), box.stop(), INVOCATION.parent.mkdir(parents=True),
-                     INVOCATION.symlink_to("1")), 1, "none not_running", "firmware crashed"),
+                            "updatable pending", OK),
+    "no library loaded": (lambda box: box.restart(None), 0, "none not_recorded", OK),
+    "stopped": (lambda box: box.stop(), 2, "none not_running", OK),
+    "waits for its restart": (wait_for_restart, 0, "none not_running", OK),
+    "waits after a fallback": (lambda box: (box.fall_back(), box.give_up(), wait_for_restart(box)), 1,
+                               "none not_running", "firmware crashed"),
 }
 
 
 @pytest.mark.parametrize("name", HISTORIES)
 def test_says_which_copy_runs_and_why(box, name):
-    happen, expected, running, next_start = HISTORIES[name]
+    happen, expected, running, *following = HISTORIES[name]
     happen(box)
     status, document, screen = box.status()
     found = [" ".join(document[key][part] for part in ("copy", "reason"))
              for key in ("running", "next_start")]
-    assert (found, status) == ([running, next_start], expected), document
+    assert (found, status) == ([running, *(following or [running])], expected), document
     assert document["running"]["seen"] == ("not_running" not in running)
     assert f"Running     {running.split()[0]}" in screen and document["running"]["detail"] in screen
 
@@ -353,6 +351,37 @@ def test_works_as_ordinary_user_and_names_what_it_cannot_see(box):
     document = box.status()[1]
     assert "libad-platform.so.1" in str(document["unseen"])
     assert document["next_start"]["reason"] == "installed"
+
+
+def test_asks_the_service_manager_about_a_daemon_without_a_process(box):
+    box.stop()
+    assert box.status()[1]["unseen"] == []
+    pathlib.Path("/run/systemd/system").mkdir(parents=True)
+    assert f"whether adagentd waits for its restart: {BUS}: No such file" in box.status()[1]["unseen"][0]
+    BUS.parent.mkdir()
+    with socket.socket(socket.AF_UNIX) as mute:
+        mute.bind(str(BUS))
+        mute.listen()
+        assert "Resource temporarily unavailable" in box.status()[1]["unseen"][0]
+    BUS.unlink()
+    environment = {**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": f"unix:path={BUS}"}
+    name, path = "org.freedesktop.systemd1", "/org/freedesktop/systemd1/unit/adagentd_2eservice"
+    for command in (["dbus-daemon", "--session", "--nofork", f"--address=unix:path={BUS}"],
+                    [sys.executable, "-m", "dbusmock", "--system", name, path, f"{name}.Unit"]):
+        process = subprocess.Popen(command, env=environment)
+        box.stack.callback(process.wait)
+        box.stack.callback(process.kill)
+        while not BUS.exists():
+            time.sleep(0.01)
+    call = ["busctl", f"--address=unix:path={BUS}", "--timeout=5", "call", name, path]
+    while subprocess.run([*call, "org.freedesktop.DBus.Mock", "AddProperty", "ssv", f"{name}.Unit",
+                          "ActiveState", "s", ""], check=False, capture_output=True).returncode != 0:
+        time.sleep(0.05)
+    for state, shown in (("activating", "starting"), ("failed", "failed"), ("inactive", "stopped")):
+        subprocess.run([*call, "org.freedesktop.DBus.Properties", "Set", "ssv", f"{name}.Unit",
+                        "ActiveState", "s", state], check=True)
+        document = box.status()[1]
+        assert (document["service"]["state"], document["unseen"]) == (shown, [])
 
 
 @pytest.fixture
