@@ -99,7 +99,7 @@ Choice next_choice(const Snapshot& snapshot) {
 }
 
 Choice running_choice(const Snapshot& snapshot) {
-    const Choice next = next_choice(snapshot);
+    Choice next = next_choice(snapshot);
     if (snapshot.service.state != ServiceState::running) {
         return {Copy::none, Reason::not_running, "adagentd does not run"};
     }

@@ -190,7 +190,7 @@ Check check_room(const Snapshot& snapshot) {
         return failed(name, store_room.error().message);
     }
     const std::uint64_t available = static_cast<std::uint64_t>(status.f_bavail) * status.f_frsize;
-    constexpr std::uint64_t mebi = 1024 * 1024;
+    constexpr std::uint64_t mebi = 1024ULL * 1024;
     return ok(name, std::to_string(available / mebi) + " MiB available in " + directory->path());
 }
 

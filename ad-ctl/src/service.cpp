@@ -64,7 +64,8 @@ pid_t find_in_control_group() {
 pid_t find_among_all() {
     const base::Owned<GDir> directory(g_dir_open("/proc", 0, nullptr));
     while (const char* name = directory ? g_dir_read_name(directory.get()) : nullptr) {
-        const pid_t pid = std::atoi(name);  // 0 if it is no number
+        constexpr int decimal = 10;
+        const auto pid = static_cast<pid_t>(std::strtol(name, nullptr, decimal));  // 0 for a word
         if (pid > 0 && is_daemon(pid)) {
             return pid;
         }

@@ -131,6 +131,9 @@ void add_server(Screen& screen, const Status& status) {
     screen.add("Last check", state.check_time == 0
                                  ? "never"
                                  : format_utc(state.check_time) + ": " + state.check_result);
+    if (!snapshot.index) {
+        screen.add("Index", "not believed: " + snapshot.index.error().message);
+    }
     screen.add("Next try",
                status.next_try + (status.not_before == 0
                                       ? ""

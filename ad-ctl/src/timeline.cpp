@@ -15,6 +15,7 @@
 #include <string_view>
 
 #include <fcntl.h>
+#include <glib.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <sysexits.h>
@@ -105,7 +106,7 @@ private:
     static void take(const std::string& name, const std::string& value, LogEntry& entry) {
         constexpr std::int64_t microseconds = 1000000;
         if (name == "__REALTIME_TIMESTAMP") {
-            entry.time = std::atoll(value.c_str()) / microseconds;
+            entry.time = g_ascii_strtoll(value.c_str(), nullptr, 10) / microseconds;
         } else if (name == "MESSAGE") {
             entry.message = value;
         } else if (name == "SYSLOG_IDENTIFIER") {

@@ -256,6 +256,9 @@ DETAILS = {
     "server": (lambda box: None, {"server.url": "http://127.0.0.1:1", "server.index_version": "1.06",
                                   "server.checked": "2026-11-20T10:00:00Z", "server.not_before": None},
                "2026-11-20T10:00:00Z: version 1.06 is not newer"),
+    "damaged index": (lambda box: write(DATA / "update.ini", "[image]\n"), {
+        "server.index_version": None, "server.index_refused": "[image] version is not a decimal fraction"},
+        "Index       not believed: .image. version"),
     "not yet looked": (lambda box: None, {
         "server.next_try": "once the network is connected and the viewer has consented"}, "Next try"),
     "looked": (lambda box: box.edit(STATE, "2026-11-20T10", "2099-11-20T10"),
