@@ -50,7 +50,7 @@ std::string daemon_text(const std::string& message) {
 
 /** Reads the value of a field that is not plain text: its size, the bytes and a newline. */
 bool read_binary(FILE* stream, std::string& value) {
-    constexpr std::uint64_t max_size = 1024 * 1024;
+    constexpr std::uint64_t max_size = 1024ULL * 1024;
     std::array<unsigned char, 8> bytes = {};
     if (std::fread(bytes.data(), 1, bytes.size(), stream) != bytes.size()) {
         return false;

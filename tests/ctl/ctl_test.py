@@ -275,18 +275,11 @@ DETAILS = {
     "linux": (lambda box: write(LINUX, ""), {"firmware.recorded": "T-1200.1", "unseen": []}, "Firmware"),
     "disguised": (lambda box: box.edit(STATE, "is not", r"\\\"\x1b[31m‮"),
                   {"server.checked_url": "http://a/update.ini"}, "Last check"),
-    "lock": (lambda box: box.stack.enter_context(hold(LOCK)),
+    "lock": (lambda box: fcntl.flock(box.stack.enter_context(LOCK.open()), fcntl.LOCK_EX),
              {"readiness.lock.detail": f"held by process {os.getpid()}"}, "held by"),
     "control group": (lambda box: (box.start(None), write(CONTROL_GROUP, f"1\n{box.start(None).pid}\n")),
                       {"running.copy": "none"}, "process"),
 }
-
-
-@contextlib.contextmanager
-def hold(path):
-    with open(path, encoding="utf-8") as file:
-        fcntl.flock(file, fcntl.LOCK_EX)
-        yield
 
 
 @pytest.mark.parametrize("name", DETAILS)
@@ -312,16 +305,10 @@ BROKEN = {
     "no key": (lambda box: (KEYS / "maker.pub").unlink(), "key"),
     "malformed key": (lambda box: write(KEYS / "other.pub", "key"), "key"),
     "unsafe product": (lambda box: PRODUCT.chmod(0o666), "product"),
-    "no loop device": (lambda box: box.stack.enter_context(without_loop()), "loop"),
+    "no loop device": (lambda box: (mount("-t", "tmpfs", "box", "/dev"),
+                                    box.stack.callback(subprocess.run, ["umount", "/dev"])), "loop"),
     "not running": (lambda box: box.stop(), "daemon"),
 }
-
-
-@contextlib.contextmanager
-def without_loop():
-    mount("-t", "tmpfs", "box", "/dev")
-    yield
-    subprocess.run(["umount", "/dev"], check=True)
 
 
 @pytest.mark.parametrize("name", BROKEN)
@@ -387,18 +374,16 @@ def test_asks_the_service_manager_about_a_daemon_without_a_process(box):
         assert (document["service"]["state"], document["unseen"]) == (shown, [])
 
 
-@pytest.fixture
-def server(box):
-    content = pathlib.Path("/opt/content")
-    content.mkdir()
-    running = content_server.Server(content, pathlib.Path("/opt/log"), None, None)
-    threading.Thread(target=running.serve_forever, daemon=True).start()
-    write(CONFIGURATION, f"[server]\nurl=http://127.0.0.1:{running.server_port}\n")
-    yield content / "update.ini"
-    running.shutdown()
+def contents():
+    return {path: (path.stat().st_mtime_ns, path.is_file() and path.read_bytes())
+            for path in pathlib.Path("/opt/usr").rglob("*")}
 
 
-def test_check_foretells_the_next_pass_and_changes_nothing(box, server):
+def test_check_foretells_the_next_pass_and_changes_nothing(box):
+    server = content_server.Server(pathlib.Path("/opt/content"), pathlib.Path("/opt/log"), None, None)
+    threading.Thread(target=server.serve_forever, daemon=True).start()
+    box.stack.callback(server.shutdown)
+    write(CONFIGURATION, f"[server]\nurl=http://127.0.0.1:{server.server_port}\n")
     (DATA / "zelADAgent.img.part").write_bytes(bytes(250))
     for prepare, published, expected, status in (
             (lambda: None, index("1.07"), "would download version 1.07 of 1000 bytes, resuming at 250", 0),
@@ -416,13 +401,11 @@ def test_check_foretells_the_next_pass_and_changes_nothing(box, server):
             (lambda: CONFIGURATION.unlink(), index("1.08"), "failed to read configuration", 2)):
         prepare()
         write(DATA / "zelADAgent.img", b"1")
-        write(server, published)
-        before = {path: (path.stat().st_mtime_ns, path.is_file() and path.read_bytes())
-                  for path in pathlib.Path("/opt/usr").rglob("*")}
+        write(pathlib.Path("/opt/content/update.ini"), published)
+        before = contents()
         done = box.run("check")
         assert expected in done.stdout and done.returncode == status, (expected, done)
-        assert before == {path: (path.stat().st_mtime_ns, path.is_file() and path.read_bytes())
-                          for path in pathlib.Path("/opt/usr").rglob("*")}
+        assert before == contents()
 
 
 def entry(seconds, identifier, message):
