@@ -136,8 +136,8 @@ class Box:
         return screen.returncode, parsed, screen.stdout
 
 
-def now():
-    return time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime())
+def now(ahead=0):
+    return time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime(time.time() + ahead))
 
 
 @pytest.fixture
@@ -185,7 +185,7 @@ def wait_for_restart(box):
     INVOCATION.symlink_to("1")
 
 
-OK = "updatable installed"
+BEGIN, OK = now(-5), "updatable installed"
 # What happened, the exit status, the copy that runs and why, and those of the next start if not the same.
 HISTORIES = {
     "updated": (lambda box: None, 0, OK),
@@ -226,6 +226,7 @@ def test_says_which_copy_runs_and_why(box, name):
     found = [" ".join(document[key][part] for part in ("copy", "reason"))
              for key in ("running", "next_start")]
     assert (found, status) == ([running, *(following or [running])], expected), document
+    assert box.daemon.poll() is not None or BEGIN < document["service"]["started"] < now(5)
     assert document["running"]["seen"] == ("not_running" not in running)
     assert f"Running     {running.split()[0]}" in screen and document["running"]["detail"] in screen
 
