@@ -123,8 +123,9 @@ class Box:
 
     @staticmethod
     def run(*arguments, **options):
+        environment = {**os.environ, "LD_LIBRARY_PATH": "/opt/lib"}  # where the platform is
         return subprocess.run([CTL, *arguments], check=False, text=True, capture_output=True,
-                              **options)
+                              **{"env": environment, **options})
 
     def status(self, **options):
         """Returns the exit status, the document and the screen, which must agree."""
@@ -212,6 +213,8 @@ HISTORIES = {
                             "updatable pending", OK),
     "no library loaded": (lambda box: box.restart(None), 0, "none not_recorded", OK),
     "stopped": (lambda box: box.stop(), 2, "none not_running", OK),
+    "stopped after a fallback": (lambda box: (box.fall_back(), box.stop()), 2, "none not_running",
+                                 "firmware not_recorded"),
     "waits for its restart": (wait_for_restart, 0, "none not_running", OK),
     "waits after a fallback": (lambda box: (box.fall_back(), box.give_up(), wait_for_restart(box)), 1,
                                "none not_running", "firmware crashed"),
@@ -273,7 +276,8 @@ DETAILS = {
     "firmware": (lambda box: other_firmware(box, "T-1"), {
         "firmware.current": "T-1200.2", "firmware.recorded": "T-1", "firmware.copy_version": "1.00"},
         r"T-1200\.2, was T-1 when"),
-    "linux": (lambda box: write(LINUX, ""), {"firmware.recorded": "T-1200.1", "unseen": []}, "Firmware"),
+    "linux": (lambda box: (write(LINUX, ""), write(pathlib.Path("/usr/lib/os-release"), "VERSION_ID=T-5")),
+              {"firmware.current": "T-5", "unseen": []}, r"T-5, was T-1200\.1 when"),
     "disguised": (lambda box: box.edit(STATE, "is not", r"\\\"\x1b[31m‮"),
                   {"server.checked_url": "http://a/update.ini"}, "Last check"),
     "lock": (lambda box: fcntl.flock(box.stack.enter_context(LOCK.open()), fcntl.LOCK_EX),
@@ -301,7 +305,7 @@ BROKEN = {
     "unsafe index key": (lambda box: (write(pathlib.Path("/usr/lib/ad-agent/keys/a.pub"), ""),
                                       pathlib.Path("/usr/lib/ad-agent/keys").chmod(0o777)), "index-keys"),
     "no room": (lambda box: write(DATA / "update.ini", index("1.07", size=1 << 29))
-                or mount("-o", "remount,size=64M", "/opt"), "room"),
+                or mount("-o", "remount,size=64M", "/opt"), "room", f"space in {DATA}: "),
     "no tool": (lambda box: TOOL.unlink(), "tool"),
     "no key": (lambda box: (KEYS / "maker.pub").unlink(), "key"),
     "malformed key": (lambda box: write(KEYS / "other.pub", "key"), "key"),
@@ -314,12 +318,12 @@ BROKEN = {
 
 @pytest.mark.parametrize("name", BROKEN)
 def test_names_what_an_update_lacks(box, name):
-    damage, check = BROKEN[name]
+    damage, check, *texts = BROKEN[name]
     damage(box)
     status, document, screen = box.status()
     failed = [name for name, state in document["readiness"].items() if state["state"] == "failed"]
     assert (status, failed) == (2, [check]), document["readiness"]
-    assert f"{check}: FAILED: {document['problems'][0]}" in screen
+    assert f"{check}: FAILED: {document['problems'][0]}" in screen and all(t in screen for t in texts)
 
 
 def test_works_as_ordinary_user_and_names_what_it_cannot_see(box):
@@ -399,6 +403,8 @@ def test_check_foretells_the_next_pass_and_changes_nothing(box):
             (lambda: (write(RECORDED, "T-1200.1"), box.edit(CACHE, "1.06", "1.05")), index("1.08"),
              "would install the stored image of version 1.06 again", 0),
             (lambda: box.edit(MANIFEST, "1.00", "1.06"), index("1.055", "e" * 64), "not newer than the firmware's version", 0),
+            (lambda: (box.edit(MANIFEST, "1.06", "1.00"), box.edit(CACHE, "1.05", "1.06"), STORED.unlink(),
+                      write(RECORDED, "T-0")), index("1.06", "b" * 64), "would download version 1.06", 0),
             (lambda: CONFIGURATION.unlink(), index("1.08"), "failed to read configuration", 2)):
         prepare()
         write(DATA / "zelADAgent.img", b"1")
@@ -413,8 +419,8 @@ def entry(seconds, identifier, message):
     value = message.encode()
     field = b"MESSAGE\n" + struct.pack("<Q", len(value)) + value if "\x1b" in message or "\n" in message \
         else b"MESSAGE=" + value
-    return (f"__CURSOR=a\n__REALTIME_TIMESTAMP={seconds}000001\nSYSLOG_IDENTIFIER={identifier}\n".encode()
-            + field + b"\n\n")
+    return (f"__CURSOR=a\n__REALTIME_TIMESTAMP={seconds}000001\n".encode() + field
+            + f"\nSYSLOG_IDENTIFIER={identifier}\n\n".encode())
 
 
 def test_log_merges_what_all_of_them_say(box):
