@@ -64,9 +64,9 @@ std::int64_t monotonic_seconds() {
 }
 
 ad_agent::RefusedImage origin_of_copy(const ad_agent::DeviceState& state,
-                                      const std::string& previous_image) {
+                                      const std::string& installed_before) {
     ad_agent::RefusedImage image;
-    if (!state.installed_sha256.empty() && state.installed_sha256 != previous_image) {
+    if (!state.installed_sha256.empty() && state.installed_sha256 != installed_before) {
         image.sha256 = state.installed_sha256;
         image.version = state.installed_version;
     } else {

@@ -34,12 +34,12 @@ std::int64_t monotonic_seconds();
 
 /**
  * Returns the image that the copy came from, with its version; neither if it is not known.
- * @param previous_image  the SHA-256 of the image of the copy before. An installation that was
- *                        interrupted before it was recorded still has that one in `state`; then
- *                        the copy came from the stored image.
+ * @param installed_before  the image that `state` had as installed with the copy before. If it
+ * still has, the installation was interrupted before it was recorded, and the copy came from the
+ * stored image.
  */
 ad_agent::RefusedImage origin_of_copy(const ad_agent::DeviceState& state,
-                                      const std::string& previous_image);
+                                      const std::string& installed_before);
 
 /** Has ad-mounter remove the updatable copy. Returns why it is still there, or none. */
 std::optional<std::string> remove_copy();

@@ -93,24 +93,24 @@ bool Guard::follow_copy() {
         return false;
     }
     const std::string firmware = library.empty() ? "" : recorded_firmware();
-    const ad_agent::DeviceState state = ad_agent::read_state(directory_);
     if (library != record_.library || firmware != record_.firmware) {
-        const bool is_other_image = library != record_.library && !record_.image.empty();
+        const bool is_same_copy = library == record_.library;
         Record anew;
         anew.library = library;
         anew.firmware = firmware;
-        anew.previous_image = is_other_image ? record_.image : record_.previous_image;
+        anew.installed = record_.installed;
+        anew.installed_before = is_same_copy ? record_.installed_before : record_.installed;
         anew.latest_time = record_.latest_time;
-        const bool was_watched = !record_.library.empty();
         record_ = std::move(anew);
-        if (library.empty() && was_watched) {
+        if (library.empty()) {
             save("the next copy may be judged by this one's failures");
         }
     }
-    if (state.installed_sha256 != record_.previous_image) {
-        record_.image = state.installed_sha256;
+    if (library.empty()) {
+        return false;
     }
-    return !library.empty();
+    record_.installed = ad_agent::read_state(directory_).installed_sha256;
+    return true;
 }
 
 /** Counts the last start if nothing recorded how it ended. */
@@ -182,7 +182,7 @@ std::optional<std::string> Guard::reason_to_give_up() const {
     int sum = 0;
     int count = 0;
     for (const Failure& failure : record_.recent) {
-        if (failure.time <= time_ && time_ - failure.time < window) {
+        if (time_ - failure.time < window) {
             sum += halves(failure.kind);
             ++count;
         }
@@ -196,7 +196,7 @@ std::optional<std::string> Guard::reason_to_give_up() const {
 /** Lists the image as bad and has the copy removed. Returns whether it is. */
 bool Guard::give_up(const std::string& reason) {
     ad_agent::RefusedImage image =
-        origin_of_copy(ad_agent::read_state(directory_), record_.previous_image);
+        origin_of_copy(ad_agent::read_state(directory_), record_.installed_before);
     // First: power may fail in between, and then the copy is given up once more.
     std::string consequence = "its image is not known";
     if (!image.sha256.empty()) {
@@ -216,7 +216,7 @@ bool Guard::give_up(const std::string& reason) {
              (image.version.empty() ? "" : " of version " + image.version) + " after " + reason +
              "; " + consequence + "; falling back to the firmware's copy");
     Record anew;
-    anew.previous_image = image.sha256;
+    anew.installed = record_.installed;
     anew.latest_time = record_.latest_time;
     record_ = std::move(anew);
     save("the next copy may be judged by this one's failures");

@@ -85,8 +85,8 @@ Record read_record(const ad_agent::DataDirectory& directory) {
     }
     record.library = read_text(file.get(), copy_group, "sha256");
     record.firmware = read_text(file.get(), copy_group, "firmware");
-    record.image = read_text(file.get(), copy_group, "image");
-    record.previous_image = read_text(file.get(), copy_group, "previous_image");
+    record.installed = read_text(file.get(), copy_group, "installed");
+    record.installed_before = read_text(file.get(), copy_group, "installed_before");
     record.starts = read_count(file.get(), copy_group, "starts");
     record.confirmed =
         g_key_file_get_boolean(file.get(), copy_group, "confirmed", nullptr) != FALSE;
@@ -111,8 +111,8 @@ ad_agent::Result<> write_record(const ad_agent::DataDirectory& directory, const 
     };
     set(copy_group, "sha256", record.library);
     set(copy_group, "firmware", record.firmware);
-    set(copy_group, "image", record.image);
-    set(copy_group, "previous_image", record.previous_image);
+    set(copy_group, "installed", record.installed);
+    set(copy_group, "installed_before", record.installed_before);
     set_number(copy_group, "starts", record.starts);
     g_key_file_set_boolean(file.get(), copy_group, "confirmed",
                            static_cast<gboolean>(record.confirmed));

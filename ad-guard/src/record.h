@@ -36,9 +36,12 @@ struct Record {
     /** The SHA-256 of the copy, empty if there is none, and the firmware it is used with. */
     std::string library;
     std::string firmware;
-    /** The SHA-256 of the images that this copy and the one before came from, if known. */
-    std::string image;
-    std::string previous_image;
+    /**
+     * The image that the agent library had recorded as installed when this copy was started last,
+     * or the last copy if there is none, and that of the copy before.
+     */
+    std::string installed;
+    std::string installed_before;
 
     /** How often it was started, and whether it is confirmed. */
     int starts = 0;
