@@ -28,13 +28,7 @@ constexpr char updatable_library[] = "/opt/usr/lib/libad-agent-fwk.so";
 const bool had_updatable = access(updatable_library, F_OK) == 0;
 
 /** The library on this device. */
-Agent device_agent() {
-    return Agent({"/opt/etc/ad-agent.conf", "/opt/usr/apps/adagent",
-                  "/opt/down/zels/zelADAgent_img/zelADAgent.img",
-                  "/opt/down/zels/zelADAgent_img/zelADAgent.floor", updatable_library,
-                  "/usr/lib/libad-agent-fwk.so", "/usr/bin/zels/zelADAgent/zelADAgent.xml",
-                  "/usr/lib/ad-agent/keys", "/usr/lib/ad-mounter/product"});
-}
+Agent device_agent() { return Agent(ad_agent::device_paths()); }
 
 /** Runs an entry point's work. Running out of memory must not end the host. */
 template <typename Work>

@@ -6,6 +6,8 @@
 #include "part_file.h"
 #include "transfer.h"
 
+#include <optional>
+
 #include <sys/mman.h>
 #include <sys/stat.h>
 
@@ -22,6 +24,32 @@ Result<std::string> read_back(int fd) {
         return errno_failure("failed to read the response back");
     }
     return text;
+}
+
+/** Transfers a document into memory. Returns none if it still matches the request's entity tag. */
+Result<std::optional<std::string>> transfer_document(TransferRequest& request,
+                                                     const DocumentSource& source,
+                                                     std::string& etag) {
+    const base::UniqueFd memory(memfd_create("ad-agent-document", MFD_CLOEXEC));
+    if (!memory) {
+        return errno_failure(request.url + ": failed to create a memory file");
+    }
+    request.fd = memory.get();
+    request.max_bytes = source.max_bytes;
+    const auto response = transfer(request);
+    if (!response) {
+        return failure(response.error().message);
+    }
+    if (!response->is_modified) {
+        return std::nullopt;
+    }
+    auto text = read_back(memory.get());
+    const auto valid = text.and_then(source.validate);
+    if (!valid) {
+        return failure(request.url + ": " + valid.error().message);
+    }
+    etag = response->etag;
+    return std::optional<std::string>(std::move(*text));
 }
 
 /** Replaces the cached document and its entity tag. */
@@ -46,37 +74,37 @@ TransferRequest make_request(const Settings& settings, const std::string& url_pa
     return request;
 }
 
+Result<std::string> fetch_uncached(const Settings& settings, const DocumentSource& source) {
+    TransferRequest request = make_request(settings, source.url_path);
+    std::string etag;
+    auto text = transfer_document(request, source, etag);
+    if (!text) {
+        return Failure(text.error());
+    }
+    // Without an entity tag in the request there is nothing to match.
+    return *text ? Result<std::string>(std::move(**text)) : failure(request.url + ": not modified");
+}
+
 Result<CachedDocument> fetch_document(const Settings& settings, const DataDirectory& directory,
                                       const DocumentSource& source) {
     TransferRequest request = make_request(settings, source.url_path);
-    request.max_bytes = source.max_bytes;
     auto cached = directory.read(source.name, source.max_bytes);
     if (cached && source.validate(*cached)) {
         request.etag = read_etag(directory, source.name, request.url);
     }
-
-    const base::UniqueFd memory(memfd_create("ad-agent-document", MFD_CLOEXEC));
-    if (!memory) {
-        return errno_failure(request.url + ": failed to create a memory file");
+    std::string etag;
+    auto text = transfer_document(request, source, etag);
+    if (!text) {
+        return Failure(text.error());
     }
-    request.fd = memory.get();
-    const auto response = transfer(request);
-    if (!response) {
-        return failure(response.error().message);
-    }
-    if (!response->is_modified) {
+    if (!*text) {
         return CachedDocument{std::move(*cached), false};
     }
-    auto text = read_back(memory.get());
-    const auto valid = text.and_then(source.validate);
-    if (!valid) {
-        return failure(request.url + ": " + valid.error().message);
-    }
-    const auto stored = store(directory, source, request.url, *text, response->etag);
+    const auto stored = store(directory, source, request.url, **text, etag);
     if (!stored) {
         return Failure(stored.error());
     }
-    return CachedDocument{std::move(*text), true};
+    return CachedDocument{std::move(**text), true};
 }
 
 }  // namespace ad_agent

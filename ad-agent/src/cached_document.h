@@ -34,6 +34,9 @@ struct DocumentSource {
     std::function<Result<>(const std::string& text)> validate;
 };
 
+/** Fetches a document without looking at the cache or storing it. The error names the URL. */
+Result<std::string> fetch_uncached(const Settings& settings, const DocumentSource& source);
+
 /**
  * Fetches a document, unless the cached one is up to date, and caches it if it is valid.
  * It is transferred into memory: an invalid one never touches a file. The error names

@@ -25,4 +25,17 @@ struct DevicePaths {
     std::string product;
 };
 
+/** Returns where they are. */
+inline DevicePaths device_paths() {
+    return {"/opt/etc/ad-agent.conf",
+            "/opt/usr/apps/adagent",
+            "/opt/down/zels/zelADAgent_img/zelADAgent.img",
+            "/opt/down/zels/zelADAgent_img/zelADAgent.floor",
+            "/opt/usr/lib/libad-agent-fwk.so",
+            "/usr/lib/libad-agent-fwk.so",
+            "/usr/bin/zels/zelADAgent/zelADAgent.xml",
+            "/usr/lib/ad-agent/keys",
+            "/usr/lib/ad-mounter/product"};
+}
+
 }  // namespace ad_agent

@@ -2,6 +2,7 @@
 
 #include "base/file_io.h"
 #include "base/image_trailer.h"
+#include "index_signature.h"
 #include "regular_file.h"
 
 #include <algorithm>
@@ -43,13 +44,12 @@ struct Word {
 };
 
 /** Returns why a trailer is not the one that the index describes, or not for the device. */
-std::optional<std::string> mismatch(const base::TrustedComment& comment, const UpdateIndex& index,
+std::optional<std::string> mismatch(const ImageTrailer& trailer, const UpdateIndex& index,
                                     const DeviceIdentity& device) {
-    const ImageTarget target = {std::string(comment.product), std::string(comment.min_firmware),
-                                std::string(comment.max_firmware)};
+    const ImageTarget& target = trailer.target;
     // Of the index's version, which is newer than what is installed, the image is newer, too.
     const std::array<Word, 4> words = {
-        {{"version", std::string(comment.version), index.version},
+        {{"version", trailer.version, index.version},
          {"product", target.product, index.target.product},
          {"min-firmware", target.min_firmware, index.target.min_firmware},
          {"max-firmware", target.max_firmware, index.target.max_firmware}}};
@@ -66,19 +66,35 @@ std::optional<std::string> mismatch(const base::TrustedComment& comment, const U
 
 }  // namespace
 
-Result<std::optional<std::string>> inspect_image(const DataDirectory& directory,
-                                                 const std::string& name, const UpdateIndex& index,
-                                                 const DeviceIdentity& device) {
+Result<ImageTrailer> read_image_trailer(const DataDirectory& directory, const std::string& name) {
     std::uint64_t size = 0;
     const auto bytes = read_end(directory, name, size);
     if (!bytes) {
         return Failure(bytes.error());
     }
-    const base::Trailer trailer = base::parse_trailer(bytes->data(), bytes->size(), size);
-    if (trailer.rejection) {
-        return std::optional<std::string>(trailer.rejection);
+    const base::Trailer parsed = base::parse_trailer(bytes->data(), bytes->size(), size);
+    ImageTrailer trailer;
+    if (parsed.rejection) {
+        trailer.rejection = parsed.rejection;
+        return trailer;
     }
-    return mismatch(trailer.comment, index, device);
+    const base::TrustedComment& comment = parsed.comment;
+    trailer.version = comment.version;
+    trailer.target = {std::string(comment.product), std::string(comment.min_firmware),
+                      std::string(comment.max_firmware)};
+    trailer.released = comment.released;
+    trailer.key_id = key_id_text(parsed.signature.key_id);
+    return trailer;
+}
+
+Result<std::optional<std::string>> inspect_image(const DataDirectory& directory,
+                                                 const std::string& name, const UpdateIndex& index,
+                                                 const DeviceIdentity& device) {
+    const auto trailer = read_image_trailer(directory, name);
+    if (!trailer) {
+        return Failure(trailer.error());
+    }
+    return trailer->rejection ? trailer->rejection : mismatch(*trailer, index, device);
 }
 
 }  // namespace ad_agent

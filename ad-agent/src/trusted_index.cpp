@@ -15,6 +15,22 @@ constexpr char index_path[] = "/update.ini";
 constexpr char index_name[] = "update.ini";
 constexpr std::uint64_t max_index_size = 64ULL * 1024;
 
+/** Returns where the index is, and a check that accepts it into `accepted`. */
+DocumentSource index_source(const IndexKeys& keys, const DeviceState& state,
+                            AcceptedIndex& accepted) {
+    // Of the cached index, too: a server cannot keep one alive by confirming it.
+    const auto validate = [&keys, &state, &accepted,
+                           now = std::time(nullptr)](const std::string& text) -> Result<> {
+        auto result = accept_index(text, keys, state.index_serials, now);
+        if (!result) {
+            return Failure(result.error());
+        }
+        accepted = std::move(*result);
+        return {};
+    };
+    return {index_path, index_name, max_index_size, validate};
+}
+
 /** Remembers the serial number of an accepted index. */
 Result<> record_serial(const DataDirectory& directory, const AcceptedIndex& accepted,
                        const IndexKeys& keys, DeviceState& state) {
@@ -55,19 +71,8 @@ Result<UpdateIndex> fetch_index(const Settings& settings, const DataDirectory& d
     if (keys->empty()) {
         warn_not_authenticated(settings, key_directory);
     }
-    // Of the cached index, too: a server cannot keep one alive by confirming it.
-    const std::int64_t now = std::time(nullptr);
     AcceptedIndex accepted;
-    const auto validate = [&](const std::string& text) -> Result<> {
-        auto result = accept_index(text, *keys, state.index_serials, now);
-        if (!result) {
-            return Failure(result.error());
-        }
-        accepted = std::move(*result);
-        return {};
-    };
-    const auto document =
-        fetch_document(settings, directory, {index_path, index_name, max_index_size, validate});
+    const auto document = fetch_document(settings, directory, index_source(*keys, state, accepted));
     if (!document) {
         return Failure(document.error());
     }
@@ -76,6 +81,38 @@ Result<UpdateIndex> fetch_index(const Settings& settings, const DataDirectory& d
         if (!recorded) {
             return Failure(recorded.error());
         }
+    }
+    return accepted.index;
+}
+
+Result<std::optional<UpdateIndex>> read_cached_index(const DataDirectory& directory,
+                                                     const std::string& key_directory,
+                                                     const DeviceState& state) {
+    const auto keys = load_index_keys(key_directory);
+    if (!keys) {
+        return Failure(keys.error());
+    }
+    const auto text = directory.read(index_name, max_index_size);
+    if (!text) {
+        return std::optional<UpdateIndex>();
+    }
+    auto accepted = accept_index(*text, *keys, state.index_serials, std::time(nullptr));
+    if (!accepted) {
+        return Failure(accepted.error());
+    }
+    return std::optional<UpdateIndex>(std::move(accepted->index));
+}
+
+Result<UpdateIndex> probe_index(const Settings& settings, const std::string& key_directory,
+                                const DeviceState& state) {
+    const auto keys = load_index_keys(key_directory);
+    if (!keys) {
+        return Failure(keys.error());
+    }
+    AcceptedIndex accepted;
+    const auto text = fetch_uncached(settings, index_source(*keys, state, accepted));
+    if (!text) {
+        return Failure(text.error());
     }
     return accepted.index;
 }

@@ -9,6 +9,7 @@
 #include "settings.h"
 #include "update_index.h"
 
+#include <optional>
 #include <string>
 
 namespace ad_agent {
@@ -24,5 +25,14 @@ std::string index_url(const Settings& settings);
  */
 Result<UpdateIndex> fetch_index(const Settings& settings, const DataDirectory& directory,
                                 const std::string& key_directory, DeviceState& state);
+
+/** Accepts the cached index as it is now; none if there is none. Stores and logs nothing. */
+Result<std::optional<UpdateIndex>> read_cached_index(const DataDirectory& directory,
+                                                     const std::string& key_directory,
+                                                     const DeviceState& state);
+
+/** Fetches the index as fetch_index() does. Stores and logs nothing. */
+Result<UpdateIndex> probe_index(const Settings& settings, const std::string& key_directory,
+                                const DeviceState& state);
 
 }  // namespace ad_agent

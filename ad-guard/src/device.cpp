@@ -20,7 +20,6 @@
 namespace ad_guard {
 namespace {
 
-constexpr char firmware_file[] = "/opt/media/Documents/adagentversion.txt";
 constexpr char stored_image[] = "/opt/down/zels/zelADAgent_img/zelADAgent.img";
 constexpr char boot_file[] = "/proc/sys/kernel/random/boot_id";
 

@@ -12,6 +12,8 @@
 namespace ad_guard {
 
 inline constexpr char data_directory[] = "/opt/usr/apps/adagent";
+/** Where the daemon records the firmware's version. */
+inline constexpr char firmware_file[] = "/opt/media/Documents/adagentversion.txt";
 inline constexpr char updatable_library[] = "/opt/usr/lib/libad-agent-fwk.so";
 
 /**
