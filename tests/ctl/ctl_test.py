@@ -193,6 +193,8 @@ HISTORIES = {
     "never updated": (clean, 0, "firmware never_installed"),
     "did not load": (not_loaded, 1, "firmware did_not_load"),
     "crashed": (lambda box: (box.fall_back(), box.give_up()), 1, "firmware crashed"),
+    "crashed before it was recorded": (lambda box: (box.fall_back(recorded="1.05"), box.give_up()), 1,
+                                       "firmware crashed"),
     "crashed after another did not load": (
         lambda box: (not_loaded(box), box.give_up(at="2026-11-22T10:00:00Z")), 1, "firmware crashed"),
     "did not load after another crashed": (
