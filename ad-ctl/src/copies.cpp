@@ -32,8 +32,13 @@ std::optional<Choice> by_bad_image(const Snapshot& snapshot) {
     const RefusedImage* const crashed = guarded.empty() ? nullptr : &guarded.back();
     const bool is_crash = crashed && (!failed || crashed->time >= failed->time);
     const RefusedImage* const bad = is_crash ? crashed : failed;
-    // The cache manifest has the version that was installed last.
-    if (!bad || (!bad->version.empty() && bad->version != snapshot.facts.recorded)) {
+    if (!bad) {
+        return std::nullopt;
+    }
+    // The cache manifest has the version that was installed last, unless that was interrupted.
+    const bool is_stored =
+        snapshot.image && snapshot.image->bad && snapshot.image->bad->sha256 == bad->sha256;
+    if (!is_stored && !bad->version.empty() && bad->version != snapshot.facts.recorded) {
         return std::nullopt;
     }
     const std::string version = bad->version.empty() ? snapshot.facts.recorded : bad->version;

@@ -1,4 +1,5 @@
 // What the device's advertising agent does, for people and for programs.
+#include "log.h"
 #include "next_pass.h"
 #include "status.h"
 #include "timeline.h"
@@ -55,7 +56,8 @@ int run_check(const Arguments& options) {
     const ad_ctl::NextPass plan = ad_ctl::plan_next_pass();
     std::string text;
     for (const std::string& step : plan.steps) {
-        text += step + "\n";
+        // Some of it comes from a server.
+        text += ad_agent::printable(step, ad_agent::max_log_line) + "\n";
     }
     constexpr int cannot_update = 2;
     return print(text, plan.can_update ? 0 : cannot_update);

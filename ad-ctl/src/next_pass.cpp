@@ -81,7 +81,7 @@ NextPass plan_next_pass() {
             plan.can_update = false;
         }
     }
-    if (repairs_first(snapshot.facts, snapshot.state) && !snapshot.image->bad) {
+    if (repairs_first(snapshot.facts, snapshot.state) && snapshot.image && !snapshot.image->bad) {
         plan.steps.push_back("would install the stored image of version " + snapshot.facts.stored +
                              " again, whose installation was interrupted");
         return plan;

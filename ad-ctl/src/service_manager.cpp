@@ -16,8 +16,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-// Two calls over a socket, as the D-Bus specification has them, rather than a library: the ones
-// there are take more memory than the rest of the program.
+// Two D-Bus calls over a socket, written by hand: each library for that would take more memory
+// than is allowed to the whole program.
 namespace ad_ctl {
 namespace {
 
@@ -166,7 +166,7 @@ private:
     base::UniqueFd socket_;
 };
 
-/** Reads a variant that is a text. Returns none if it is another one. */
+/** Returns the text in a variant, or an empty text if it holds something else. */
 std::string text_of(const std::string& variant) {
     constexpr std::size_t length_at = 4;
     constexpr std::size_t text_at = 8;

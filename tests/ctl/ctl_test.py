@@ -193,6 +193,8 @@ HISTORIES = {
     "never updated": (clean, 0, "firmware never_installed"),
     "did not load": (not_loaded, 1, "firmware did_not_load"),
     "crashed": (lambda box: (box.fall_back(), box.give_up()), 1, "firmware crashed"),
+    "crashed before it was recorded": (lambda box: (box.fall_back(recorded="1.05"), box.give_up()), 1,
+                                       "firmware crashed"),
     "crashed after another did not load": (
         lambda box: (not_loaded(box), box.give_up(at="2026-11-22T10:00:00Z")), 1, "firmware crashed"),
     "did not load after another crashed": (
@@ -395,7 +397,7 @@ def test_check_foretells_the_next_pass_and_changes_nothing(box):
             (lambda: None, index("1.06"), "nothing to install: version 1.06 is not newer than the stored", 0),
             (lambda: None, index("1.07", more="product=other"), "refused: for product other, this", 0),
             (lambda: box.give_up("1.07", "a" * 64), index("1.07"), "refused: its library crashed here", 0),
-            (lambda: None, "damaged", "update.ini: ", 2),
+            (lambda: None, "[image\x1b]2J", r"Key file contains line “[image\x1b]2J”", 2),
             (lambda: KEYS.rename(OLD_KEYS), index("1.08", "b" * 64), "key: no public key in", 2),
             (lambda: OLD_KEYS.rename(KEYS), index("1.08", hashlib.sha256(b"1").hexdigest(), 1),
              "would install version 1.08 of 1 bytes, which is downloaded already", 0),
