@@ -68,9 +68,10 @@ def test_updates_with_read_only_usr(machines):
     assert "<SoVersion>1.06</SoVersion>" in box.run(next_block("box"))
     assert f"loaded from {COPY}" in box.run(next_block("box"))
     box.run("diff -r /usr/share/ad-agent/res /usr/bin/zels/zelADAgent/adplayer/res")
-    memory = box.run(f"grep -o '[0-9]* kB' /proc/{box.property('MainPID')}/smaps_rollup | head -n 1")
-    print(f"resident memory of the daemon: {memory}")
-    assert int(memory.split()[0]) < 8 * 1024
+    memory = box.run(f"sed -n 's/^[RP]ss: *//p' /proc/{box.property('MainPID')}/smaps_rollup").split()
+    print(f"memory of the daemon: {memory[0]} kB resident, its share of that {memory[2]} kB")
+    # 8 MB, and what the kernel maps around the pages of libraries that are used.
+    assert int(memory[0]) < 8.5 * 1024
     # It does not look for another image after that.
     box.wait_logged("[CADAgentd] Start end", since=mark)
 
@@ -89,6 +90,12 @@ def test_image_that_crashes_is_given_up_for_good(machines):
     mark = box.mark()
     box.run("systemctl restart adagentd")
     box.wait_logged(INSTALLED, since=mark)
+    for _ in range(4):  # A good copy survives power cuts right after it has started.
+        mark = box.mark()
+        box.run("sync; systemctl restart adagentd")
+        box.wait_logged(f"ad-agent: loaded from {COPY}", since=mark)
+        box.cut_power()
+        box.boot()
 
 
 @pytest.mark.parametrize("kind, limit", [
@@ -107,14 +114,8 @@ def test_recovers(machines, kind, limit):
     assert GAVE_UP in box.journal(mark)
 
 
-def test_recovers_from_reboots_but_survives_power_cuts(machines):
+def test_recovers_from_reboots(machines):
     box, _ = machines
-    shutil.copy(BUILD / "lib/libad-agent-fwk.so", box.path(COPY))
-    for _ in range(4):
-        box.run("sync; systemctl restart adagentd")
-        box.wait_logged(f"ad-agent: loaded from {COPY}")
-        box.cut_power()
-        box.boot()
     shutil.copy(BUILD / "lib/libbox-panic.so", box.path(COPY))
     box.run("sync; systemctl restart --no-block adagentd")
     panic, boots, start = box.path("/opt/usr/apps/adagent/panic"), 0, time.monotonic()
@@ -132,8 +133,11 @@ def test_upgrades_and_leaves_nothing(machines):
     box, _ = machines
     print(box.run(next_block("box")).splitlines()[-1])
     upgrade, remove, purge = next_block("box").splitlines()
+    # The other platform takes this one's place, and the upgrade brings this one back.
+    box.run("apt install ./libad-platform-simulated_*.deb")
+    wait_for(lambda: (box.property("ActiveState"), box.property("Type")) == ("active", "simple"), 30)
     before = box.property("MainPID")
-    box.run(upgrade)
+    box.run(upgrade + "; apt purge libad-platform-simulated")
     wait_for(lambda: box.property("MainPID") not in ("0", before), 30)
     assert box.run("stat -c '%a %U %G' /usr/bin/ad-mounter") == "4750 root adagent\n"
     box.run(remove)
@@ -141,5 +145,5 @@ def test_upgrades_and_leaves_nothing(machines):
     box.run(purge)
     assert {file for file in box.list_files() - box.files
             if re.search("^/opt|zel|ad-?(agent|mounter|platform)", file)} == set()
-    assert box.run("getent passwd adagent; getent group adagent adagent-settings; true") == ""
+    assert box.run("getent passwd adagent || true; getent group adagent || true") == ""
     assert BLOCKS == []
