@@ -40,7 +40,7 @@ class Box:
         self.kept, self.process = kept, None
         shutil.rmtree(kept, ignore_errors=True)
 
-    def boot(self, usr="rw"):
+    def boot(self, usr="rw", *, complete=True):
         with open(BUILD / "box.boot", "a", encoding="utf-8") as log:
             self.process = subprocess.Popen(
                 ["unshare", *NAMESPACES.split(), "--fork", "--kill-child", HERE / "boot", ROOT,
@@ -50,8 +50,9 @@ class Box:
         wait_for(lambda: "systemd" in pathlib.Path(f"/proc/{self.pid}/comm").read_text(), 10)
         sh(f"""ip link add far0 type veth peer name eth0 netns {self.pid}
                ip address add 10.9.0.1/24 dev far0; ip link set far0 up""")
-        wait_for(lambda: self.run("systemctl is-system-running --wait || true").strip()
-                 in ("running", "degraded"), 60)
+        wait_for(lambda: self.run("systemctl is-active basic.target || true") == "active\n", 60)
+        if complete:
+            self.run("systemctl is-system-running --wait || true")
 
     def cut_power(self):
         os.kill(self.pid, signal.SIGKILL)
