@@ -25,8 +25,8 @@ namespace {
 using ad_agent::DataDirectory;
 using ad_agent::RefusedImage;
 
-/** Only the Linux platform installs this part of the daemon's unit. */
-constexpr char linux_platform_unit[] = "/lib/systemd/system/adagentd.service.d/linux-platform.conf";
+/** Only the Linux platform installs this unit. */
+constexpr char linux_platform_unit[] = "/lib/systemd/system/adagentd-bus.socket";
 
 /** Has the platform library read the firmware's version. Returns its status. */
 int ask_platform(std::string& version, Unseen& unseen) {

@@ -123,10 +123,10 @@ class Box:
             DURING[event](self)
 
 
-def stop(box, seconds=10, shut_down=False):
+def stop(box, seconds=10, shut_down=False, ending=("success", "exited", "0")):
     box.age_start(seconds)
     box.guard("stop", MAINPID=str(os.getpid()))
-    box.after("success", "exited", "0")
+    box.after(*ending)
     if shut_down:
         box.boot()
 
@@ -182,6 +182,8 @@ DURING = {
     "skipped": lambda box: box.after("exit-code"),
     "killed-stop": lambda box: box.after("success", "killed", "TERM"),
     "stop": stop,
+    # As during a download, which blocks the daemon for longer than systemd waits.
+    "slow-stop": lambda box: stop(box, ending=("timeout", "killed", "KILL")),
     "shutdown": lambda box: stop(box, 50, True),
     "later-shutdown": lambda box: stop(box, 70, True),
     "good": good,
@@ -211,7 +213,7 @@ HISTORIES = [
     ("cut cut cut cut cut", "cut"), ("cut crash cut", "crash"), ("crash crash cut", "cut"),
     ("shutdown " * 5, "shutdown"), ("no-daemon " * 5, "no-daemon"), ("early " * 5, "cut"),
     ("killed-stop " * 5, "killed-stop"), ("unknown-boot " + "lost " * 5, "lost"),
-    ("stop " * 20, None), ("later-shutdown " * 20, None), ("skipped " * 20, None),
+    ("stop " * 20, None), ("slow-stop " * 20, None), ("later-shutdown " * 20, None), ("skipped " * 20, None),
     ("replace " * 10, None), ("good-cut " * 30, None), ("good " * 3, None),
     ("crash crash update crash crash", "crash"), ("crash crash firmware crash crash", "crash"),
     ("crash crash lose crash crash", "crash"), ("crash crash tear crash crash", "crash"),
