@@ -124,7 +124,7 @@ def test_pack_rejects_what_no_device_could_use():
         expect_failure(f"{PACK} old.img {options}", reason)
     assert files(".") == before and read("old.img") == b"old"
     for options in ("--player lacks.so --no-load",
-                    "--player arm-player.so --agent arm-agent.so --architecture arm"):
+                    "--player arm-player.so --agent arm-agent.so"):
         assert "loading the libraries was not tried" in sh(f"{PACK} new.img {options}")
 
 
