@@ -19,7 +19,7 @@ class Maker:
 
     def __init__(self, device):
         self.home, self.web = device.home, device.home / "www"
-        self.faults = self.home / "faults"
+        self.faults, self.forged = self.home / "faults", 0
         self.keys = device.home / "usr-lib/upper/ad-mounter/keys"
         index_keys = device.home / "usr-lib/upper/ad-agent/keys"
         index_keys.mkdir(parents=True)
@@ -63,12 +63,14 @@ class Maker:
               expires="2099-01-01T00:00:00Z"):
         """Serves an image with an index that states neither product nor firmware."""
         data = image.read_bytes()
+        self.forged += 1  # no two indexes are alike, or the device has one already (304)
         (self.web / "images" / image.name).write_bytes(contents or data)
         index, signature = self.web / "update.ini", self.home / "signature"
         index.write_text(
             f"[image]\nversion={version}\nsize={len(data)}\nfile={image.name}\n"
             f"sha256={hashlib.sha256(data).hexdigest()}\n"
-            f"[index]\nserial={serial}\nissued=2001-01-01T00:00:00Z\nexpires={expires}\n")
+            f"[index]\nserial={serial}\nissued=2001-01-01T00:00:{self.forged:02}Z\n"
+            f"expires={expires}\n")
         if key:
             run("minisign", "-S", "-s", self.home / f"{key}.key", "-m", index, "-x", signature)
             lines = signature.read_text().splitlines()
