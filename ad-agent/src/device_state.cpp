@@ -1,6 +1,7 @@
 #include "device_state.h"
 
 #include "base/glib_owned.h"
+#include "key_file.h"
 #include "log.h"
 #include "part_file.h"
 #include "utc_time.h"
@@ -22,11 +23,6 @@ constexpr char index_group[] = "index";
 constexpr char check_group[] = "check";
 
 using Texts = std::vector<std::string>;
-
-std::string read_text(GKeyFile* file, const char* group, const char* key) {
-    const base::Owned<char> text(g_key_file_get_string(file, group, key, nullptr));
-    return text ? text.get() : "";
-}
 
 Texts read_list(GKeyFile* file, const char* group, const char* key) {
     gsize length = 0;
@@ -90,10 +86,8 @@ void write_refused(GKeyFile* file, const char* group, const RefusedImages& image
 
 DeviceState read_state(const DataDirectory& directory) {
     DeviceState state;
-    const auto text = directory.read(file_name, max_state_size);
-    const base::Owned<GKeyFile> file(g_key_file_new());
-    if (!text || !g_key_file_load_from_data(file.get(), text->data(), text->size(), G_KEY_FILE_NONE,
-                                            nullptr)) {
+    const base::Owned<GKeyFile> file = load_key_file(directory, file_name, max_state_size);
+    if (!file) {
         return state;
     }
     state.installed_sha256 = read_text(file.get(), installed_group, "sha256");

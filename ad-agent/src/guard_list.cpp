@@ -1,6 +1,7 @@
 #include "guard_list.h"
 
 #include "base/glib_owned.h"
+#include "key_file.h"
 #include "log.h"
 #include "part_file.h"
 #include "utc_time.h"
@@ -12,19 +13,12 @@ constexpr char file_name[] = "guard-bad.ini";
 constexpr std::uint64_t max_size = 64ULL * 1024;
 constexpr std::size_t max_text = 256;
 
-std::string read_text(GKeyFile* file, const char* group, const char* key) {
-    const base::Owned<char> text(g_key_file_get_string(file, group, key, nullptr));
-    return text ? text.get() : "";
-}
-
 }  // namespace
 
 RefusedImages read_guard_list(const DataDirectory& directory) {
     RefusedImages images;
-    const auto text = directory.read(file_name, max_size);
-    const base::Owned<GKeyFile> file(g_key_file_new());
-    if (!text || !g_key_file_load_from_data(file.get(), text->data(), text->size(), G_KEY_FILE_NONE,
-                                            nullptr)) {
+    const base::Owned<GKeyFile> file = load_key_file(directory, file_name, max_size);
+    if (!file) {
         return images;
     }
     const base::Owned<char*> groups(g_key_file_get_groups(file.get(), nullptr));

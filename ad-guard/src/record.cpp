@@ -1,6 +1,7 @@
 #include "record.h"
 
 #include "base/glib_owned.h"
+#include "key_file.h"
 #include "log.h"
 #include "part_file.h"
 #include "utc_time.h"
@@ -21,10 +22,7 @@ constexpr char failures_group[] = "failures";
 constexpr char clock_group[] = "clock";
 constexpr std::array<const char*, 4> state_names = {"none", "running", "good", "stopped"};
 
-std::string read_text(GKeyFile* file, const char* group, const char* key) {
-    const base::Owned<char> text(g_key_file_get_string(file, group, key, nullptr));
-    return text ? text.get() : "";
-}
+using ad_agent::read_text;
 
 int read_count(GKeyFile* file, const char* group, const char* key) {
     return std::max(g_key_file_get_integer(file, group, key, nullptr), 0);
@@ -77,10 +75,8 @@ void write_recent(GKeyFile* file, const std::vector<Failure>& recent) {
 
 Record read_record(const ad_agent::DataDirectory& directory) {
     Record record;
-    const auto text = directory.read(file_name, max_size);
-    const base::Owned<GKeyFile> file(g_key_file_new());
-    if (!text || !g_key_file_load_from_data(file.get(), text->data(), text->size(), G_KEY_FILE_NONE,
-                                            nullptr)) {
+    const base::Owned<GKeyFile> file = ad_agent::load_key_file(directory, file_name, max_size);
+    if (!file) {
         return record;
     }
     record.library = read_text(file.get(), copy_group, "sha256");
